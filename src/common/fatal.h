@@ -1,0 +1,40 @@
+// Fatal-error and interrupt helpers shared by every module.
+//
+// A fatal condition (allocation failure, impossible input) prints its module's
+// message on standard output and ends the process with status 0: scripts that
+// drive the program read the message, not the status.
+#pragma once
+
+#include <csignal>
+#include <cstdio>
+#include <new>
+#include <stdexcept>
+#include <utility>
+
+namespace kvx::common {
+
+// puts(msg), flush, exit(0).
+[[noreturn]] void fatal(const char* msg);
+
+// printf(fmt, ...), flush, exit(0). The format carries its own line end.
+[[noreturn]] void fatalf(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+
+// Runs f(); if it throws std::bad_alloc (or std::length_error from a size
+// that cannot be represented), the module message is printed and the process
+// ends as for fatal().
+template <class F>
+decltype(auto) alloc_or_die(const char* msg, F&& f) {
+    try {
+        return std::forward<F>(f)();
+    } catch (const std::bad_alloc&) {
+        fatal(msg);
+    } catch (const std::length_error&) {
+        fatal(msg);
+    }
+}
+
+// Set to 1 by the SIGINT handler; long loops poll it between points or shell
+// pairs and stop early. The driver clears it around every calculation.
+extern volatile std::sig_atomic_t abort_flag;
+
+}  // namespace kvx::common
