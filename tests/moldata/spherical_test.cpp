@@ -7,6 +7,7 @@
 
 #include "moldata/shell_types.h"
 #include "moldata/spherical.h"
+#include "moldata/sph_reference.h"
 
 using kvx::moldata::CartExp;
 using kvx::moldata::spherical_transform;
@@ -14,46 +15,12 @@ using kvx::moldata::type_exponents;
 
 namespace {
 
-// Dense combination matrices written out from the chemistry: rows are the
-// spherical functions, columns the cartesian components (d: xx yy zz xy xz
-// yz; f: xxx xxy xxz xyy xyz xzz yyy yyz yzz zzz).
-std::vector<std::vector<double>> d_matrix() {
-    const double a = 1.0 / (2.0 * std::sqrt(3.0));
-    return {{-a, -a, 2 * a, 0, 0, 0}, {0.5, -0.5, 0, 0, 0, 0}, {0, 0, 0, 1, 0, 0}, {0, 0, 0, 0, 1, 0},
-            {0, 0, 0, 0, 0, 1}};
-}
+using kvx::test::DenseMatrix;
+using kvx::test::sandwich;
 
-std::vector<std::vector<double>> f_matrix() {
-    //       xxx xxy xxz xyy xyz xzz yyy yyz yzz zzz
-    return {{0, 4, 0, 0, 0, 0, -1, 0, -1, 0},     // 4xxy - yyy - yzz
-            {0, 0, 4, 0, 0, 0, 0, -1, 0, -1},     // 4xxz - yyz - zzz
-            {-1, 0, 0, 4, 0, -1, 0, 0, 0, 0},     // 4xyy - xxx - xzz
-            {0, 0, -1, 0, 0, 0, 0, 4, 0, -1},     // 4yyz - xxz - zzz
-            {-1, 0, 0, -1, 0, 4, 0, 0, 0, 0},     // 4xzz - xxx - xyy
-            {0, -1, 0, 0, 0, 0, -1, 0, 4, 0},     // 4yzz - xxy - yyy
-            {0, 0, 0, 0, std::sqrt(40.0), 0, 0, 0, 0, 0}};
-}
-
-std::vector<std::vector<double>> identity(int n) {
-    std::vector<std::vector<double>> m(n, std::vector<double>(n, 0.0));
-    for (int i = 0; i < n; ++i) m[i][i] = 1.0;
-    return m;
-}
-
-// TA * M * TB^T for one sub-block M (ca x cb, row-major).
-std::vector<double> reference(const std::vector<std::vector<double>>& TA, const std::vector<std::vector<double>>& TB,
-                              const double* M, int ca, int cb) {
-    const int ra = static_cast<int>(TA.size()), rb = static_cast<int>(TB.size());
-    std::vector<double> out(static_cast<std::size_t>(ra) * rb, 0.0);
-    for (int i = 0; i < ra; ++i)
-        for (int j = 0; j < rb; ++j) {
-            double s = 0;
-            for (int k = 0; k < ca; ++k)
-                for (int l = 0; l < cb; ++l) s += TA[i][k] * M[k * cb + l] * TB[j][l];
-            out[static_cast<std::size_t>(i) * rb + j] = s;
-        }
-    return out;
-}
+DenseMatrix d_matrix() { return kvx::test::sph_matrix(4); }
+DenseMatrix f_matrix() { return kvx::test::sph_matrix(6); }
+DenseMatrix identity(int n) { return kvx::test::identity_matrix(n); }
 
 // Deterministic, non-symmetric fill so that a swapped row/column shows.
 void fill(std::vector<double>& v) {
@@ -62,8 +29,7 @@ void fill(std::vector<double>& v) {
 
 // Runs the transform on nblocks blocks of ncA x ncB sub-blocks and checks
 // every packed output sub-block against TA M TB^T.
-void check_pair(int typeA, int typeB, int ncA, int ncB, const std::vector<std::vector<double>>& TA,
-                const std::vector<std::vector<double>>& TB) {
+void check_pair(int typeA, int typeB, int ncA, int ncB, const DenseMatrix& TA, const DenseMatrix& TB) {
     const int ca = static_cast<int>(TA[0].size()), cb = static_cast<int>(TB[0].size());
     const int ra = static_cast<int>(TA.size()), rb = static_cast<int>(TB.size());
     const std::size_t sub = static_cast<std::size_t>(ca) * cb;
@@ -75,7 +41,7 @@ void check_pair(int typeA, int typeB, int ncA, int ncB, const std::vector<std::v
     spherical_transform(v.data(), nblocks, stride, typeA, typeB, ncA, ncB);
     for (int k = 0; k < nblocks; ++k)
         for (int s = 0; s < ncA * ncB; ++s) {
-            auto want = reference(TA, TB, orig.data() + k * stride + s * sub, ca, cb);
+            auto want = sandwich(TA, TB, orig.data() + k * stride + s * sub, ca, cb);
             const double* got = v.data() + k * stride + s * static_cast<std::size_t>(ra) * rb;
             for (std::size_t i = 0; i < want.size(); ++i)
                 ASSERT_NEAR(got[i], want[i], 1e-13) << "block " << k << " sub " << s << " element " << i;
