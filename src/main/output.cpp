@@ -1,0 +1,244 @@
+#include "main/output.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <bit>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+namespace kvx::main {
+
+// Stamps read doubles and integers as they lie in memory, little-endian.
+static_assert(std::endian::native == std::endian::little, "stamps assume little-endian storage");
+
+namespace {
+
+struct OutputModule {
+    const int* point_mode = nullptr;  // the -point option's state
+};
+
+OutputModule g_output;
+
+}  // namespace
+
+uint32_t stamp(const void* data, std::size_t len, uint32_t seed) {
+    const unsigned char* b = static_cast<const unsigned char*>(data);
+    uint64_t high = seed >> 16;
+    uint64_t low = seed & 0xFFFFu;
+    for (std::size_t i = 0; i + 4 <= len; i += 4) {
+        high += b[i] * 256u + b[i + 1];
+        low += b[i + 2] * 256u + b[i + 3];
+    }
+    if (high <= 0xFFFF && low <= 0xFFFF) return static_cast<uint32_t>(high << 16 | low);
+
+    // Crossed end-around carries: the low half's carry re-enters the high
+    // half, the high half's carry (weight 2^32 == 1 mod 2^32 - 1) the low one.
+    uint64_t ch = high >> 16, cl = low >> 16;
+    high &= 0xFFFF;
+    low &= 0xFFFF;
+    uint64_t nh, nl;
+    do {
+        nh = high + cl;
+        nl = low + ch;
+        ch = nh >> 16;
+        cl = nl >> 16;
+        high = nh & 0xFFFF;
+        low = nl & 0xFFFF;
+    } while (!(ch == 0 && nl < 65536));
+    return static_cast<uint32_t>(nh << 16 | nl);
+}
+
+uint32_t grid_stamp(const grid::Grid* g, uint32_t seed) {
+    if (!g) return seed;
+    // Field by field in a fixed order; never the record's memory image.
+    const int n = g->ndim < 0 ? 0 : (g->ndim > 3 ? 3 : g->ndim);
+    uint32_t s = stamp(g->centre, sizeof g->centre, seed);
+    s = stamp(g->origin, sizeof g->origin, s);
+    for (int c = 0; c < 3; ++c) s = stamp(g->axes[c], n * sizeof(double), s);
+    s = stamp(g->lengths, n * sizeof(double), s);
+    s = stamp(g->spacings, n * sizeof(double), s);
+    s = stamp(g->counts, n * sizeof(int), s);
+    return s;
+}
+
+void stamp_text(uint32_t s, char out[17]) {
+    static const char kGaps[] = ":;<=>?@[\\]^_`";
+    char buf[16];
+    for (int k = 0; k < 4; ++k) {
+        const int b = (s >> (8 * (3 - k))) & 0xFF;
+        const int q = b / 4, r = b - 4 * q;
+        int c[4] = {48 + q + r, 48 + q, 48 + q, 48 + q};
+        // Push codes out of the punctuation between digits and letters; each
+        // move keeps the pair's sum, so the four codes still sum to 4*48 + b.
+        // c0 and c2 only rise and c1 and c3 only fall, so the sweeps end.
+        for (bool changed = true; changed;) {
+            changed = false;
+            for (const char* g = kGaps; *g; ++g)
+                for (int p = 0; p < 4; p += 2)
+                    if (c[p] == *g || c[p + 1] == *g) {
+                        ++c[p];
+                        --c[p + 1];
+                        changed = true;
+                    }
+        }
+        for (int j = 0; j < 4; ++j) buf[4 * j + k] = static_cast<char>(c[j]);
+    }
+    out[0] = buf[15];
+    for (int i = 1; i < 16; ++i) out[i] = buf[i - 1];
+    out[16] = '\0';
+}
+
+std::string name_file(const char* base, const char* dir, const char* prop,
+                      const char* orbital_arg) {
+    if (!base) base = "";
+    if (!dir) dir = "";
+    if (!prop) prop = "";
+    std::string part = prop;
+    if (orbital_arg) {
+        // Only the leading integer counts: "3-5" names orbital 3.
+        char* end = nullptr;
+        errno = 0;
+        long v = std::strtol(orbital_arg, &end, 10);
+        if (end != orbital_arg) {
+            if (v > INT_MAX) v = INT_MAX;
+            if (v < INT_MIN) v = INT_MIN;
+            part += '-';
+            part += std::to_string(v);
+        }
+    }
+    std::string name;
+    const std::size_t n = std::strlen(dir);
+    if (n > 0) {
+        name = dir;
+        if (dir[n - 1] != '/') name += '/';
+    }
+    name += base;
+    name += '-';
+    name += part;
+    name += ".grid";
+    return name;
+}
+
+bool file_exists(const std::string& name, uint32_t expected) {
+    struct stat st;
+    if (::stat(name.c_str(), &st) != 0) return false;
+    std::FILE* f = std::fopen(name.c_str(), "r");
+    if (!f) return false;
+    unsigned value = 0;
+    const bool ok = std::fscanf(f, "%u", &value) == 1;
+    std::fclose(f);
+    return ok && value == expected;
+}
+
+namespace {
+
+// Number of points along each of the three axes; 1 beyond the dimension count.
+void file_counts(const grid::Grid& g, int n[3]) {
+    for (int d = 0; d < 3; ++d) n[d] = d < g.ndim ? g.counts[d] : 1;
+}
+
+bool write_body(std::FILE* f, const grid::PropertyGrid& pg, uint32_t s, int fgrid) {
+    const grid::Grid& g = *pg.grid;
+    const grid::GridState& st = grid::grid_state();
+    int n[3];
+    file_counts(g, n);
+    std::fprintf(f, "%u\n", s);
+    std::fprintf(f, "%f %f %f\n", g.origin[0], g.origin[1], g.origin[2]);
+    std::fprintf(f, "%f %f %f\n", st.M[0][0], st.M[1][1], st.M[2][2]);
+    std::fprintf(f, "%d %d %d\n", n[0], n[1], n[2]);
+    const std::vector<double>& v = pg.values;
+    if (fgrid) {
+        for (int iz = 0; iz < n[2]; ++iz)
+            for (int iy = 0; iy < n[1]; ++iy)
+                for (int ix = 0; ix < n[0]; ++ix) {
+                    const int idx[3] = {ix, iy, iz};
+                    std::fprintf(f, "%f\n", v[grid::grid_index_of_indices(idx)]);
+                }
+    } else {
+        for (std::size_t k = 0; k < g.total; ++k) std::fprintf(f, "%f\n", v[k]);
+    }
+    return std::fflush(f) == 0 && !std::ferror(f);
+}
+
+// Mode of a newly created file, as fopen would give it.
+mode_t new_file_mode() {
+    const mode_t mask = ::umask(0);
+    ::umask(mask);
+    return 0666 & ~mask;
+}
+
+}  // namespace
+
+void fout_dbs(const grid::PropertyGrid* pg, uint32_t s, int fgrid) {
+    if (!pg || pg->filename.empty() || !pg->grid) return;
+    const grid::Grid& g = *pg->grid;
+    int n[3];
+    file_counts(g, n);
+    const long long points = 1LL * n[0] * n[1] * n[2];
+    if (points != g.total || pg->values.size() < g.total) return;  // record and values disagree
+    grid::grid_install(&g);
+
+    // Written beside the target and renamed over it only when complete, so a
+    // failed or interrupted write never leaves a half file under the name.
+    std::string tmp = pg->filename + ".XXXXXX";
+    const int fd = ::mkstemp(tmp.data());
+    std::FILE* f = fd >= 0 ? ::fdopen(fd, "w") : nullptr;
+    if (!f) {
+        if (fd >= 0) {
+            ::close(fd);
+            std::remove(tmp.c_str());
+        }
+        std::printf("Output fout_dbs: cannot open grid file %s\n", pg->filename.c_str());
+        std::fflush(stdout);
+        return;
+    }
+    ::fchmod(fd, new_file_mode());
+    bool ok = write_body(f, *pg, s, fgrid);
+    ok = (std::fclose(f) == 0) && ok;
+    if (!ok || std::rename(tmp.c_str(), pg->filename.c_str()) != 0) {
+        std::remove(tmp.c_str());
+        std::printf("Output fout_dbs: cannot open grid file %s\n", pg->filename.c_str());
+        std::fflush(stdout);
+        return;
+    }
+    std::printf("Property file: %s\n", pg->filename.c_str());
+    std::fflush(stdout);
+}
+
+void write_property(const grid::PropertyGrid* pg, uint32_t s, int fgrid) {
+    if (g_output.point_mode && *g_output.point_mode) {
+        if (!pg || !pg->grid) return;
+        grid::grid_install(pg->grid);
+        // The middle of the 3 x 3 x 3 grid built around the requested point.
+        const int idx[3] = {1, 1, 1};
+        const int k = grid::grid_index_of_indices(idx);
+        if (k < 0 || static_cast<std::size_t>(k) >= pg->values.size()) return;
+        double p[3];
+        grid::grid_point_of_indices(p, idx);
+        std::printf("Point:%f %f %f Property: %f \n", p[0], p[1], p[2], pg->values[k]);
+        std::fflush(stdout);
+        return;
+    }
+    fout_dbs(pg, s, fgrid);
+}
+
+void set_point_mode_link(const int* point_state) { g_output.point_mode = point_state; }
+
+int get_inode(const char* jobname) {
+    std::string name = jobname ? jobname : "";
+    name += ".out";
+    struct stat st;
+    if (::stat(name.c_str(), &st) != 0) {
+        std::printf("Output get_inode: Warning, cannot get inode for %s\n", name.c_str());
+        std::fflush(stdout);
+        return 0;
+    }
+    return static_cast<int16_t>(static_cast<uint16_t>(st.st_ino & 0xFFFF));
+}
+
+}  // namespace kvx::main
