@@ -18,19 +18,7 @@ using kvx::grid::fill_mo;
 using kvx::grid::gto_setup;
 using kvx::test::Lcg;
 using kvx::test::MolBuilder;
-
-// Largest deviation from the unscreened value that screening at eps allows.
-// A shell dropped by the T*R*maxcmo < eps test contributes below
-// m * n_t * eps (|sum_gto| <= sum_c |R_c| sum_k |f_k| |C| <= m n_t R T maxC).
-// A shell dropped by its radius has every primitive's N|c| r^l e^{-ar^2}
-// below eps there; each factor is a combination of degree-l monomials whose
-// coefficients sum to at most 21.4 (the h set), so 64 per primitive and
-// component is a safe cover. Add the rounding of the sum itself.
-double screening_tolerance(const kvx::moldata::Molecule& mol, double eps, double max_coef, double ref) {
-    double sum = 0.0;
-    for (const auto& sh : mol.shells) sum += kvx::grid::kGtoComponents[sh.type] * sh.ncontr() * sh.nprim;
-    return 64.0 * eps * max_coef * sum + 1e-12 * (1.0 + std::fabs(ref));
-}
+using kvx::test::screening_tolerance;
 
 // Two atoms carrying a shell of the type each (the first generally
 // contracted unless sp) and an s shell.
