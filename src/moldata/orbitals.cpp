@@ -1,0 +1,217 @@
+#include "moldata/orbitals.h"
+
+#include <cctype>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "moldata/textio.h"
+
+namespace kvx::moldata {
+
+namespace {
+
+bool read_words(std::FILE* f, std::int32_t* w, int n) {
+    return std::fread(w, sizeof(std::int32_t), static_cast<std::size_t>(n), f) == static_cast<std::size_t>(n);
+}
+
+}  // namespace
+
+std::unique_ptr<OrbitalSet> read_binary_orbitals(const std::string& path, int nbasis, int intsize) {
+    if (nbasis <= 0) return nullptr;
+    File file = open_read(path, true);
+    if (!file) return nullptr;
+    std::FILE* f = file.get();
+
+    std::int32_t frame, head[4] = {0, 0, 0, 0};
+    if (!read_words(f, &frame, 1)) return nullptr;
+    if (!read_words(f, head, intsize == 1 ? 4 : 2)) return nullptr;
+    const int norb = head[0];
+    const int valid = intsize == 1 ? head[2] : head[1];
+    if (!read_words(f, &frame, 1) || norb < 0) return nullptr;
+
+    // Never more rows than the file can hold: a header announcing more than
+    // that reads as a file cut inside the rows.
+    const std::size_t row_bytes = static_cast<std::size_t>(nbasis) * sizeof(double);
+    const long avail = remaining_bytes(f);
+    const std::size_t fit = avail > 4 ? (static_cast<std::size_t>(avail) - 4) / row_bytes : 0;
+    const int rows = static_cast<std::size_t>(norb) <= fit ? norb : static_cast<int>(fit);
+
+    auto set = std::make_unique<OrbitalSet>();
+    auto coef = rowmat_alloc(rows, nbasis);
+    if (!coef) return nullptr;
+    set->coef = std::move(*coef);
+    set->valid = valid;
+
+    int count = 0;
+    bool whole = read_words(f, &frame, 1);
+    for (; whole && count < rows; ++count)
+        if (std::fread(set->coef.row(count), sizeof(double), static_cast<std::size_t>(nbasis), f) !=
+            static_cast<std::size_t>(nbasis))
+            whole = false;
+    if (!whole) --count;  // the row being read was incomplete
+    if (count < 0) count = 0;
+    whole = whole && rows == norb;
+
+    if (whole) {
+        std::int32_t close_word, next_word;
+        const bool have_close = read_words(f, &close_word, 1);
+        if (have_close && read_words(f, &next_word, 1)) {
+            std::vector<double> e(static_cast<std::size_t>(norb));
+            if (std::fread(e.data(), sizeof(double), e.size(), f) == e.size()) {
+                set->energy = std::move(e);
+                set->has_energy = true;
+            }
+        }
+    }
+    set->count = count;
+    if (count < rows) rowmat_resize(set->coef, count);
+    return set;
+}
+
+namespace {
+
+constexpr int kKvmLine = 500;
+
+// First integer on the line (the orbital number); -1 when there is none.
+long first_integer(const std::string& line) {
+    for (std::size_t i = 0; i < line.size(); ++i) {
+        if (std::isdigit(static_cast<unsigned char>(line[i]))) {
+            const bool neg = i > 0 && line[i - 1] == '-';
+            const long v = std::strtol(line.c_str() + i, nullptr, 10);
+            return neg ? -v : v;
+        }
+    }
+    return -1;
+}
+
+double number_after(const std::string& line, const char* key) {
+    const auto p = line.find(key);
+    if (p == std::string::npos) return 0;
+    return std::strtod(line.c_str() + p + std::strlen(key), nullptr);
+}
+
+long integer_after(const std::string& line, const char* key) {
+    const auto p = line.find(key);
+    if (p == std::string::npos) return 0;
+    return std::strtol(line.c_str() + p + std::strlen(key), nullptr, 10);
+}
+
+}  // namespace
+
+std::unique_ptr<OrbitalSet> read_text_orbitals(const std::string& jobname, const char* section, int nbasis) {
+    if (nbasis <= 0) return nullptr;
+    const std::string path = jobname + ".kvm";
+    File file = open_read(path);
+    if (!file) return nullptr;
+    std::FILE* f = file.get();
+    std::string line;
+    bool found = false;
+    while (read_line(f, line, kKvmLine))
+        if (line.find(section) != std::string::npos) {
+            found = true;
+            break;
+        }
+    if (!found) return nullptr;
+
+    auto set = std::make_unique<OrbitalSet>();
+    set->coef.cols = nbasis;
+    set->valid = 1;
+    set->has_energy = true;
+    // Rows are made as orbital numbers appear; rows no orbital fills stay 0.
+    std::vector<char> complete;
+    long n = 0, ncoefs = 0, counter = 0;
+    bool in_orbital = false;
+    int count = 0;
+    auto reject = [&](const char* what, long value) {
+        std::printf("Moldata read_text_orbitals: %s section %s: %s %ld\n", path.c_str(), section, what, value);
+        std::fflush(stdout);
+        return nullptr;
+    };
+    while (count < nbasis && read_line(f, line, kKvmLine)) {
+        if (line.find('$') != std::string::npos) break;
+        if (line.find("eigenvalue=") != std::string::npos) {
+            n = first_integer(line);
+            ncoefs = integer_after(line, "ncoefs=");
+            if (n < 1 || n > nbasis) return reject("orbital number out of range:", n);
+            if (ncoefs < 0 || ncoefs > nbasis) return reject("coefficient count out of range:", ncoefs);
+            if (n > set->coef.rows) {
+                set->coef.data.resize(static_cast<std::size_t>(n) * nbasis, 0.0);
+                set->coef.rows = static_cast<int>(n);
+                set->energy.resize(static_cast<std::size_t>(n), 0.0);
+                complete.resize(static_cast<std::size_t>(n), 0);
+            }
+            set->energy[static_cast<std::size_t>(n - 1)] = number_after(line, "eigenvalue=");
+            counter = 0;
+            in_orbital = true;
+            continue;
+        }
+        if (!in_orbital) continue;
+        double* row = set->coef.row(static_cast<int>(n - 1));
+        const char* p = line.c_str();
+        while (*p) {
+            p += std::strspn(p, " \t\n");
+            if (!*p) break;
+            const std::size_t len = std::strcspn(p, " \t\n");
+            const std::string tok(p, len);
+            p += len;
+            if (counter < nbasis) row[counter] = std::strtod(tok.c_str(), nullptr);
+            ++counter;
+        }
+        if (counter == ncoefs && !complete[static_cast<std::size_t>(n - 1)]) {
+            complete[static_cast<std::size_t>(n - 1)] = 1;
+            ++count;
+        }
+    }
+    set->count = count;
+    return set;
+}
+
+void read_orbitals(Molecule& mol, const std::string& jobname) {
+    mol.alpha.reset();
+    mol.beta.reset();
+    mol.localized.reset();
+    mol.localized_beta.reset();
+    mol.natural.reset();
+    mol.alpha = read_binary_orbitals(jobname + ".mos", mol.nbasis, mol.intsize);
+    if (!mol.restricted) mol.beta = read_binary_orbitals(jobname + ".mob", mol.nbasis, mol.intsize);
+    mol.localized = read_binary_orbitals(jobname + ".los", mol.nbasis, mol.intsize);
+    if (!mol.localized) mol.localized = read_binary_orbitals(jobname + ".loc", mol.nbasis, mol.intsize);
+    if (!mol.restricted) {
+        // The beta localized orbitals come from the same ".los" name: intended.
+        mol.localized_beta = read_binary_orbitals(jobname + ".los", mol.nbasis, mol.intsize);
+        mol.natural = read_binary_orbitals(jobname + ".nos", mol.nbasis, mol.intsize);
+    }
+}
+
+void read_onefile_orbitals(Molecule& mol, const std::string& jobname) {
+    mol.alpha = read_text_orbitals(jobname, "$scfmo", mol.nbasis);
+    mol.beta = read_text_orbitals(jobname, "$betamo", mol.nbasis);
+    mol.localized = read_text_orbitals(jobname, "$scflo", mol.nbasis);
+    mol.localized_beta = read_text_orbitals(jobname, "$betalo", mol.nbasis);
+    mol.natural = read_text_orbitals(jobname, "$betano", mol.nbasis);
+}
+
+void print_orbitals(const OrbitalSet& set) {
+    for (int k = 0; k < set.count && k < set.coef.rows; ++k) {
+        const double e = set.has_energy && static_cast<std::size_t>(k) < set.energy.size() ? set.energy[k] : 0.0;
+        std::printf("\nOrbital %d energy: %f \n", k + 1, e);
+        const double* c = set.coef.row(k);
+        for (int i = 0; i < set.coef.cols; ++i) std::printf("function %d  coeff %f\n", i + 1, c[i]);
+    }
+}
+
+void print_atoms(const Molecule& mol) {
+    for (std::size_t a = 0; a < mol.atoms.size(); ++a) {
+        const Atom& at = mol.atoms[a];
+        std::printf("Atom: %d %s %f %f %f\n", static_cast<int>(a + 1), at.symbol.c_str(), at.x, at.y, at.z);
+    }
+}
+
+void print_shells(const Molecule& mol) {
+    for (std::size_t s = 0; s < mol.shells.size(); ++s)
+        std::printf("Shell %d type %d nprim %d\n", static_cast<int>(s + 1), mol.shells[s].type, mol.shells[s].nprim);
+}
+
+}  // namespace kvx::moldata

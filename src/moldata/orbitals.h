@@ -1,0 +1,40 @@
+// Orbital readers: binary orbital files of the multi-file layout and text
+// sections of the one-file layout (module Moldata).
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "moldata/molecule.h"
+
+namespace kvx::moldata {
+
+// Binary set: framed records (4-byte words around each, values unchecked):
+// header norb, valid (two int32; with intsize 1 four int32 words, norb the
+// first and valid the third), norb rows of nbasis doubles, optionally norb
+// energies. A file cut inside the rows keeps the complete rows and no
+// energies. Null when the file is absent or its header incomplete.
+std::unique_ptr<OrbitalSet> read_binary_orbitals(const std::string& path, int nbasis, int intsize);
+
+// Text set from the section of the one-file ".kvm" file (jobname + ".kvm")
+// whose line contains `section`. Orbital headers hold "eigenvalue=" and
+// "ncoefs="; orbitals may come in any order and land in the row of their
+// number. Null when the file or the section is absent, or when an orbital
+// number lies outside 1..nbasis or a coefficient count above nbasis (then
+// with one message).
+std::unique_ptr<OrbitalSet> read_text_orbitals(const std::string& jobname, const char* section, int nbasis);
+
+// Multi-file layout: ".mos" alpha; ".mob" beta (unrestricted); ".los", else
+// ".loc", localized; ".los" again localized beta and ".nos" natural
+// (unrestricted).
+void read_orbitals(Molecule& mol, const std::string& jobname);
+
+// One-file layout: "$scfmo", "$betamo", "$scflo", "$betalo", "$betano".
+void read_onefile_orbitals(Molecule& mol, const std::string& jobname);
+
+// Debugging prints.
+void print_orbitals(const OrbitalSet& set);
+void print_atoms(const Molecule& mol);
+void print_shells(const Molecule& mol);
+
+}  // namespace kvx::moldata

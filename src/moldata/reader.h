@@ -1,0 +1,40 @@
+// The molecule builder and the readers of counts and coordinates
+// (module Moldata).
+#pragma once
+
+#include <cstdio>
+#include <memory>
+#include <string>
+
+#include "moldata/molecule.h"
+
+namespace kvx::moldata {
+
+// Value of a keyword that is not in the file (a file really holding -666
+// reads as missing).
+inline constexpr int kKeywordMissing = -666;
+
+// Rewinds f and scans whitespace-separated tokens for the first one equal to
+// keyword; returns the decimal integer that follows, or kKeywordMissing. The
+// file is left just after the value.
+int read_keyword(std::FILE* f, const char* keyword);
+
+// The multi-file counts: ".control" and ".basis" of the job. Null when the
+// control file is absent or has no "$natoms".
+std::unique_ptr<Molecule> read_counts(const std::string& jobname);
+
+// Atoms of the ".coord" file between "$coordinates" and "$end" ("$molecule"
+// starts the next molecule). Prints the atom- and molecule-count warnings;
+// more atoms than natoms ends the run. mol.natoms becomes the number of
+// atoms kept.
+void read_coordinates(Molecule& mol, const std::string& path);
+
+// The one-file ".kvm" layout: counts, "$coord" atoms, basis and the five
+// orbital sections. Null when the file is absent.
+std::unique_ptr<Molecule> read_onefile(const std::string& jobname);
+
+// Builds the job's molecule: the multi-file layout, else the one-file
+// layout; then densities, overlap and flags. Null when neither can be read.
+std::unique_ptr<Molecule> build_molecule(const std::string& jobname);
+
+}  // namespace kvx::moldata

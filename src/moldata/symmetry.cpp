@@ -1,0 +1,95 @@
+#include "moldata/symmetry.h"
+
+#include <new>
+
+#include "moldata/basis.h"
+#include "moldata/reader.h"
+#include "moldata/textio.h"
+
+namespace kvx::moldata {
+
+namespace {
+
+std::unique_ptr<SymmetryInfo> default_record(int n) {
+    auto sym = std::make_unique<SymmetryInfo>();
+    sym->ntrans = 1;
+    sym->nunique = n;
+    sym->group = "c1";
+    sym->n = n;
+    return sym;
+}
+
+// Next word of the token reader, line ends skipped.
+std::string next_word(std::FILE* f) {
+    std::string w;
+    while (next_basis_token(f, w) == BasisToken::LineEnd) {
+    }
+    return w;
+}
+
+}  // namespace
+
+std::unique_ptr<SymmetryInfo> read_symmetry(const std::string& path, int natoms, int ndummy) {
+    const long long n64 = static_cast<long long>(natoms) - ndummy;
+    if (n64 < 1 || n64 > natoms) return nullptr;
+    const int n = static_cast<int>(n64);
+    File file = open_read(path);
+    if (!file) return nullptr;
+    std::FILE* f = file.get();
+
+    const int ntrans = read_keyword(f, "$ntrans");
+    if (ntrans == kKeywordMissing || ntrans <= 1) return default_record(n);
+
+    // A table that the file cannot hold (each entry needs a digit and a
+    // separator) is treated as an allocation that failed.
+    std::rewind(f);
+    const long bytes = remaining_bytes(f);
+    if (static_cast<long long>(ntrans) * n > bytes / 2) return default_record(n);
+    auto sym = std::make_unique<SymmetryInfo>();
+    try {
+        sym->unique.assign(static_cast<std::size_t>(n), 0);
+        sym->images.assign(static_cast<std::size_t>(n) * ntrans, 0);
+    } catch (const std::bad_alloc&) {
+        return default_record(n);
+    }
+    sym->n = n;
+    sym->ntrans = ntrans;
+
+    std::rewind(f);
+    while (next_word(f) != "$group") {
+    }
+    const std::string group = next_word(f);
+    sym->group = group.size() <= 8 ? group : "c1";
+
+    int nunique = read_keyword(f, "$sym_unique_atoms");
+    // Counts outside 1..n cannot index the table: every atom is unique.
+    if (nunique == kKeywordMissing || nunique < 1 || nunique > n) nunique = n;
+
+    bool all_unique = nunique == n;
+    if (!all_unique) {
+        std::string rest;
+        next_basis_token(f, rest);  // the rest of the keyword's line
+        for (int i = 0; i < nunique && !all_unique; ++i)
+            if (!scan_int(f, sym->unique[static_cast<std::size_t>(i)])) all_unique = true;
+        if (!all_unique) {
+            std::rewind(f);
+            while (next_word(f) != "$equivalent_atoms_array:") {
+            }
+            // Column by column: operation t's n images follow operation t-1's.
+            for (int t = 0; t < ntrans && !all_unique; ++t)
+                for (int a = 0; a < n; ++a)
+                    if (!scan_int(f, sym->images[static_cast<std::size_t>(a) * ntrans + t])) {
+                        all_unique = true;
+                        break;
+                    }
+        }
+    }
+    if (all_unique) {
+        nunique = n;
+        for (int i = 0; i < n; ++i) sym->unique[static_cast<std::size_t>(i)] = i + 1;
+    }
+    sym->nunique = nunique;
+    return sym;
+}
+
+}  // namespace kvx::moldata

@@ -1,0 +1,73 @@
+#include "moldata/textio.h"
+
+#include <cctype>
+#include <climits>
+
+namespace kvx::moldata {
+
+File open_read(const std::string& path, bool binary) {
+    return File(std::fopen(path.c_str(), binary ? "rb" : "r"));
+}
+
+long remaining_bytes(std::FILE* f) {
+    const long here = std::ftell(f);
+    if (here < 0 || std::fseek(f, 0, SEEK_END) != 0) return 0;
+    const long end = std::ftell(f);
+    std::fseek(f, here, SEEK_SET);
+    return end > here ? end - here : 0;
+}
+
+bool read_line(std::FILE* f, std::string& line, int limit) {
+    line.clear();
+    int c = 0;
+    while (static_cast<int>(line.size()) < limit - 1 && (c = std::getc(f)) != EOF) {
+        line.push_back(static_cast<char>(c));
+        if (c == '\n') break;
+    }
+    return !line.empty();
+}
+
+bool scan_token(std::FILE* f, std::string& tok) {
+    tok.clear();
+    int c;
+    while ((c = std::getc(f)) != EOF && std::isspace(c)) {
+    }
+    if (c == EOF) return false;
+    do {
+        if (tok.size() < kMaxToken) tok.push_back(static_cast<char>(c));
+    } while ((c = std::getc(f)) != EOF && !std::isspace(c));
+    if (c != EOF) std::ungetc(c, f);
+    return true;
+}
+
+bool scan_int(std::FILE* f, int& value) {
+    int c;
+    while ((c = std::getc(f)) != EOF && std::isspace(c)) {
+    }
+    if (c == EOF) return false;
+    bool neg = false;
+    if (c == '-' || c == '+') {
+        neg = c == '-';
+        c = std::getc(f);
+    }
+    if (c == EOF || !std::isdigit(c)) {
+        if (c != EOF) std::ungetc(c, f);
+        return false;
+    }
+    long long v = 0;
+    bool overflow = false;
+    for (; c != EOF && std::isdigit(c); c = std::getc(f)) {
+        v = v * 10 + (c - '0');
+        if (v > static_cast<long long>(INT_MAX) + 1) {
+            overflow = true;
+            v = static_cast<long long>(INT_MAX) + 1;
+        }
+    }
+    if (c != EOF) std::ungetc(c, f);
+    if (neg) v = -v;
+    if (overflow || v > INT_MAX || v < INT_MIN) return false;
+    value = static_cast<int>(v);
+    return true;
+}
+
+}  // namespace kvx::moldata

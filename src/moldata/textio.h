@@ -1,0 +1,40 @@
+// Small text and file helpers shared by the job-file readers.
+#pragma once
+
+#include <cstdio>
+#include <memory>
+#include <string>
+
+namespace kvx::moldata {
+
+struct FileCloser {
+    void operator()(std::FILE* f) const {
+        if (f) std::fclose(f);
+    }
+};
+using File = std::unique_ptr<std::FILE, FileCloser>;
+
+// Null when the file cannot be opened (an absent file counts as absent data).
+File open_read(const std::string& path, bool binary = false);
+
+// Bytes from the current position to the end of the file; 0 when unknown.
+long remaining_bytes(std::FILE* f);
+
+// One line as fgets with a buffer of `limit` bytes: at most limit - 1
+// characters, up to and including the newline. False at end of file when
+// nothing was read.
+bool read_line(std::FILE* f, std::string& line, int limit);
+
+// Longest token kept by scan_token; the rest of a longer token is consumed.
+inline constexpr std::size_t kMaxToken = 255;
+
+// Plain whitespace-separated token (line ends are whitespace). False at end
+// of file.
+bool scan_token(std::FILE* f, std::string& tok);
+
+// Decimal integer after optional whitespace (line ends included), as "%d":
+// the character after the digits is left unread. False at end of file, when
+// no digits follow, or when the value does not fit an int.
+bool scan_int(std::FILE* f, int& value);
+
+}  // namespace kvx::moldata
