@@ -33,14 +33,10 @@ void report(const char* routine, const std::string& path, const std::string& why
     std::fflush(stdout);
 }
 
-// Whole-file checks shared by both layouts.
-bool check_shells(const std::vector<Shell>& shells, long long nfunc, std::string& why) {
-    (void)shells;
-    if (nfunc > kMaxBasisFunctions) {
-        why = "more than " + std::to_string(kMaxBasisFunctions) + " basis functions";
-        return false;
-    }
-    return true;
+bool check_size(long long nfunc, std::string& why) {
+    if (nfunc <= kMaxBasisFunctions) return true;
+    why = "more than " + std::to_string(kMaxBasisFunctions) + " basis functions";
+    return false;
 }
 
 }  // namespace
@@ -216,7 +212,7 @@ bool read_basis(Molecule& mol, const std::string& path) {
         }
     }
     const long long nfunc = counter - 1;
-    if (ok) ok = check_shells(shells, nfunc, why);
+    if (ok) ok = check_size(nfunc, why);
     if (ok && nfunc != mol.nbasis) {
         why = "the shells give " + std::to_string(nfunc) + " functions, $nbasis is " + std::to_string(mol.nbasis);
         ok = false;
@@ -355,7 +351,7 @@ bool read_onefile_basis(Molecule& mol, const std::string& path) {
         if (ok) ok = make_shell(type, static_cast<int>(nprim), std::move(nums), name, mol.atoms, labels, shells,
                                 counter, why);
     }
-    if (ok) ok = check_shells(shells, counter - 1, why);
+    if (ok) ok = check_size(counter - 1, why);
     if (!ok) {
         report("read_onefile_basis", path, why);
         return false;
