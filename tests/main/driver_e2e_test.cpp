@@ -1,0 +1,292 @@
+// End-to-end runs of the kalvex binary on the real water and OH radical jobs,
+// each in its own temporary directory.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+struct RunResult {
+    std::string out;
+    int status = -1;
+};
+
+class KalvexRun : public ::testing::Test {
+protected:
+    fs::path dir;
+
+    void SetUp() override {
+        char tmpl[] = "/tmp/kvx_e2e_XXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        dir = tmpl;
+        for (const char* job : {"water", "ohrad"})
+            for (const auto& e : fs::directory_iterator(fs::path(KVX_TEST_DATA) / job))
+                if (e.path().filename() != "reference.txt") fs::copy_file(e.path(), dir / e.path().filename());
+    }
+    void TearDown() override { fs::remove_all(dir); }
+
+    // Runs kalvex in the temporary directory with the given arguments and
+    // standard input text.
+    RunResult run(const std::string& args, const std::string& input, const std::string& env = "") {
+        const fs::path in = dir / "stdin.txt";
+        std::ofstream(in) << input;
+        const std::string cmd = "cd '" + dir.string() + "' && " + env + " '" KVX_BINARY "' " + args + " < stdin.txt 2>&1";
+        RunResult r;
+        FILE* p = popen(cmd.c_str(), "r");
+        if (!p) return r;
+        char buf[4096];
+        size_t n;
+        while ((n = fread(buf, 1, sizeof buf, p)) > 0) r.out.append(buf, n);
+        const int st = pclose(p);
+        r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+        return r;
+    }
+
+    std::vector<fs::path> grid_files() const {
+        std::vector<fs::path> v;
+        for (const auto& e : fs::directory_iterator(dir))
+            if (e.path().extension() == ".grid") v.push_back(e.path());
+        std::sort(v.begin(), v.end());
+        return v;
+    }
+};
+
+int count(const std::string& hay, const std::string& needle) {
+    int n = 0;
+    for (size_t p = hay.find(needle); p != std::string::npos; p = hay.find(needle, p + 1)) ++n;
+    return n;
+}
+
+struct GridFile {
+    unsigned stamp = 0;
+    double origin[3] = {}, step[3] = {};
+    int n[3] = {};
+    std::vector<double> v;
+};
+
+GridFile read_grid(const fs::path& p) {
+    GridFile g;
+    std::ifstream f(p);
+    f >> g.stamp >> g.origin[0] >> g.origin[1] >> g.origin[2] >> g.step[0] >> g.step[1] >> g.step[2] >> g.n[0] >>
+        g.n[1] >> g.n[2];
+    double x;
+    while (f >> x) g.v.push_back(x);
+    return g;
+}
+
+// Value after "Property:" in a single-point line.
+double point_value(const std::string& out) {
+    const size_t p = out.find("Property:");
+    if (p == std::string::npos) return NAN;
+    return std::atof(out.c_str() + p + 9);
+}
+
+}  // namespace
+
+TEST_F(KalvexRun, UnreadableJobIsReportedAndEndsWithStatusZero) {
+    RunResult r = run("nosuchjob -den", "");
+    EXPECT_EQ(r.out, "Cannot read molecular data for nosuchjob\n");
+    EXPECT_EQ(r.status, 0);
+}
+
+TEST_F(KalvexRun, RepeatedRequestReusesTheFileUnlessForced) {
+    RunResult r = run("water -den", "-den\n");
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(count(r.out, "Computing Electronic Density den:"), 1);
+    EXPECT_EQ(count(r.out, "File exists, skipping calculation"), 1);
+    ASSERT_EQ(grid_files().size(), 1u);
+    // A second run of the same job names the same file and skips as well.
+    r = run("water -den", "");
+    EXPECT_EQ(count(r.out, "File exists, skipping calculation"), 1);
+    r = run("water -force 1 -den", "");
+    EXPECT_EQ(count(r.out, "Computing Electronic Density den:"), 1);
+    EXPECT_EQ(grid_files().size(), 1u);
+}
+
+TEST_F(KalvexRun, OptionChangeRebuildsTheGridAndRenamesTheFile) {
+    RunResult r = run("water -xp 10 -yp 10 -zp 10 -den", "-xp 12 -den\n-moacc 1e-8 -den\n");
+    EXPECT_EQ(count(r.out, "Computing Electronic Density den:"), 3);
+    const auto files = grid_files();
+    ASSERT_EQ(files.size(), 3u);
+    std::vector<int> nx;
+    for (const auto& f : files) nx.push_back(read_grid(f).n[0]);
+    std::sort(nx.begin(), nx.end());
+    EXPECT_EQ(nx, (std::vector<int>{10, 12, 12}));
+}
+
+TEST_F(KalvexRun, ValueOrderSwitchWritesTheSameValuesTransposed) {
+    run("water -xp 4 -yp 5 -zp 6 -base fx -den", "");
+    run("water -xp 4 -yp 5 -zp 6 -base st -fgrid 0 -den", "");
+    const GridFile a = read_grid(dir / "fx-den.grid"), b = read_grid(dir / "st-den.grid");
+    ASSERT_EQ(a.v.size(), 120u);
+    ASSERT_EQ(b.v.size(), 120u);
+    EXPECT_EQ(a.stamp, b.stamp);
+    for (int i = 0; i < 4; ++i)
+        for (int j = 0; j < 5; ++j)
+            for (int k = 0; k < 6; ++k)
+                EXPECT_EQ(a.v[static_cast<size_t>((k * 5 + j) * 4 + i)], b.v[static_cast<size_t>((i * 5 + j) * 6 + k)]);
+    double sum = 0;
+    for (double v : a.v) sum += v;
+    EXPECT_GT(sum, 0.0);
+}
+
+TEST_F(KalvexRun, SinglePointModePrintsOneLineAndWritesNoFile) {
+    // Reference potential of the water job at its first scattered point
+    // (psi4 agrees to 5e-11); printed with six decimals.
+    std::ifstream ref(fs::path(KVX_TEST_DATA) / "water" / "reference.txt");
+    std::string line, header;
+    std::vector<std::string> cols;
+    double x = 0, y = 0, z = 0, pot = NAN;
+    // Comment lines, a header line naming the columns, then one line per point.
+    while (std::getline(ref, line) && (line.empty() || line[0] == '#')) {
+    }
+    header = line;
+    ASSERT_TRUE(std::getline(ref, line));
+    {
+        std::istringstream hs(header), ls(line);
+        std::string c;
+        while (hs >> c) cols.push_back(c);
+        std::vector<double> vals;
+        double v;
+        while (ls >> v) vals.push_back(v);
+        ASSERT_EQ(vals.size(), cols.size());
+        for (size_t i = 0; i < cols.size(); ++i) {
+            if (cols[i] == "x") x = vals[i];
+            if (cols[i] == "y") y = vals[i];
+            if (cols[i] == "z") z = vals[i];
+            if (cols[i] == "potential") pot = vals[i];
+        }
+    }
+    ASSERT_FALSE(std::isnan(pot));
+    char args[256];
+    std::snprintf(args, sizeof args, "water -point -px %.12f -py %.12f -pz %.12f -thresh 1e-10 -ep", x, y, z);
+    RunResult r = run(args, "");
+    EXPECT_NE(r.out.find("Point:"), std::string::npos) << r.out;
+    EXPECT_NEAR(point_value(r.out), pot, 2e-6);
+    EXPECT_TRUE(grid_files().empty());
+    EXPECT_EQ(r.out.find("Property file"), std::string::npos);
+}
+
+TEST_F(KalvexRun, PointFlagFlipsTwiceAcrossLines) {
+    RunResult r = run("water -xp 3 -yp 3 -zp 3 -POINT", "-point -den\n");
+    EXPECT_EQ(r.out.find("Point:"), std::string::npos);
+    EXPECT_EQ(grid_files().size(), 1u);
+}
+
+TEST_F(KalvexRun, MissingDataIsReportedAndTheRunGoesOn) {
+    RunResult r = run("water -xp 3 -yp 3 -zp 3 -mob 1 -denb -nos 1 -partd 7 1 1 -moa 99 -moa 1", "");
+    EXPECT_NE(r.out.find("Beta MOs not available for current molecule\n"), std::string::npos);
+    EXPECT_NE(r.out.find("Beta density not available for current molecule\n"), std::string::npos);
+    EXPECT_NE(r.out.find("Natural Orbitals not available for current molecule\n"), std::string::npos);
+    EXPECT_NE(r.out.find("Partial density: cannot understand motype 7\n"), std::string::npos);
+    EXPECT_NE(r.out.find("Density fill_mo: Molecular Orbital moa No. 99 cannot be computed\n"), std::string::npos);
+    ASSERT_EQ(grid_files().size(), 1u);
+    EXPECT_NE(grid_files()[0].filename().string().find("-moa-1.grid"), std::string::npos);
+}
+
+TEST_F(KalvexRun, EndDropsTheRestOfItsLineAndLastLineNeedsNoNewline) {
+    RunResult r = run("water -xp 3 -yp 3 -zp 3", "-base a -end -den\n");
+    EXPECT_TRUE(grid_files().empty());
+    r = run("water -xp 3 -yp 3 -zp 3", "-base b -den");  // no newline at the end
+    EXPECT_TRUE(fs::exists(dir / "b-den.grid"));
+}
+
+TEST_F(KalvexRun, OpenShellDensitiesAddUp) {
+    run("ohrad -xp 5 -yp 5 -zp 5 -base o -den -dena -denb -spin -partd 1 1-5 1-4 -parts 1 -5 -4", "");
+    const GridFile den = read_grid(dir / "o-den.grid"), a = read_grid(dir / "o-dena.grid"),
+                   b = read_grid(dir / "o-denb.grid"), s = read_grid(dir / "o-spin.grid"),
+                   pd = read_grid(dir / "o-partd.grid"), ps = read_grid(dir / "o-parts.grid");
+    ASSERT_EQ(den.v.size(), 125u);
+    for (size_t i = 0; i < den.v.size(); ++i) {
+        EXPECT_NEAR(den.v[i], a.v[i] + b.v[i], 2.5e-6);
+        EXPECT_NEAR(s.v[i], a.v[i] - b.v[i], 2.5e-6);
+        EXPECT_NEAR(pd.v[i], den.v[i], 1e-12);
+        EXPECT_NEAR(ps.v[i], s.v[i], 1e-12);
+    }
+}
+
+TEST_F(KalvexRun, ScratchDirectoryReceivesTheFiles) {
+    fs::create_directory(dir / "scr");
+    RunResult r = run("water -xp 3 -yp 3 -zp 3 -base s -den", "", "KVX_SCRDIR=" + (dir / "scr").string());
+    EXPECT_TRUE(fs::exists(dir / "scr" / "s-den.grid")) << r.out;
+}
+
+TEST_F(KalvexRun, ChelpAloneAndAfterThePotentialFit) {
+    RunResult r = run("water -chelp", "");
+    std::ifstream f1(dir / "water.chelp");
+    std::stringstream s1;
+    s1 << f1.rdbuf();
+    EXPECT_NE(s1.str().find("CHELPG results"), std::string::npos) << s1.str();
+    fs::remove(dir / "water.chelp");
+    r = run("water -ep -chelp", "");
+    std::ifstream f2(dir / "water.chelp");
+    std::stringstream s2;
+    s2 << f2.rdbuf();
+    EXPECT_EQ(s1.str(), s2.str());
+}
+
+// Ctrl-C cancels the property in progress only; the handler re-arms, so a
+// second interrupt cancels the next long property the same way.
+TEST_F(KalvexRun, InterruptCancelsOnlyTheCurrentProperty) {
+    int to_child[2], from_child[2];
+    ASSERT_EQ(pipe(to_child), 0);
+    ASSERT_EQ(pipe(from_child), 0);
+    const pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        dup2(to_child[0], 0);
+        dup2(from_child[1], 1);
+        close(to_child[1]);
+        close(from_child[0]);
+        if (chdir(dir.c_str()) != 0) _exit(3);
+        execl(KVX_BINARY, KVX_BINARY, "water", "-base", "i", nullptr);
+        _exit(2);
+    }
+    close(to_child[0]);
+    close(from_child[1]);
+    std::string out;
+    auto wait_for = [&](const std::string& what, int nth) {
+        char buf[512];
+        const auto t0 = std::chrono::steady_clock::now();
+        while (count(out, what) < nth) {
+            const ssize_t n = read(from_child[0], buf, sizeof buf);
+            if (n <= 0) return false;
+            out.append(buf, static_cast<size_t>(n));
+            if (std::chrono::steady_clock::now() - t0 > std::chrono::seconds(120)) return false;
+        }
+        return true;
+    };
+    auto send = [&](const char* line) { ASSERT_GT(write(to_child[1], line, strlen(line)), 0); };
+
+    // A large grid keeps the density busy long enough to be interrupted.
+    for (int round = 1; round <= 2; ++round) {
+        send(round == 1 ? "-xp 200 -yp 200 -zp 200 -moacc 1e-12 -den\n" : "-xp 201 -den\n");
+        ASSERT_TRUE(wait_for(" 10%", round)) << out;
+        kill(pid, SIGINT);
+        ASSERT_TRUE(wait_for(" ABORTED", round)) << out;
+    }
+    send("-xp 4 -yp 4 -zp 4 -den\n-end\n");
+    ASSERT_TRUE(wait_for("Property file:", 1)) << out;
+    int st = 0;
+    waitpid(pid, &st, 0);
+    close(to_child[1]);
+    close(from_child[0]);
+    EXPECT_TRUE(WIFEXITED(st));
+    EXPECT_EQ(WEXITSTATUS(st), 0);
+    EXPECT_EQ(count(out, " ABORTED"), 2);
+    EXPECT_EQ(grid_files().size(), 1u);  // only the small, uninterrupted density
+}
