@@ -108,6 +108,7 @@ MaxCmo comp_maxcmo(const double* const* cmo, const std::vector<int>& nshat,
 void compute_mogrid(const MoRequest& req) {
     const GtoBuilder* b = gto_builder();
     if (!b || !req.out || !req.cmo) return;
+    grid_install(b->grid);  // point numbering of the builder's grid
     const RangeTable& rt = *b->ranges;
     const int total = static_cast<int>(b->grid->total);
     const int stride = gto_stride();
@@ -142,6 +143,7 @@ void compute_mogrid(const MoRequest& req) {
 void compute_dengrid(const DenRequest& req) {
     const GtoBuilder* b = gto_builder();
     if (!b || !req.out || (req.norb > 0 && (!req.cmo || !req.occ))) return;
+    grid_install(b->grid);  // point numbering of the builder's grid
     const RangeTable& rt = *b->ranges;
     const int total = static_cast<int>(b->grid->total);
     const int stride = gto_stride();

@@ -21,10 +21,10 @@ using kvx::test::MolBuilder;
 using kvx::test::screening_tolerance;
 
 // Two atoms carrying a shell of the type each (the first generally
-// contracted unless sp) and an s shell.
+// contracted unless sp) and an s shell, and an atom without shells.
 MolBuilder one_type_molecule(int type) {
     MolBuilder b;
-    b.atom(0.2, -0.3, 0.4).atom(-1.1, 0.9, -0.5);
+    b.atom(0.2, -0.3, 0.4).atom(-1.1, 0.9, -0.5).atom(1.5, 1.5, 1.0);
     if (type == 3)
         b.shell(0, 3, 1, {{1.3, 0.4, 0.7}, {0.35, 0.6, -0.3}});
     else
