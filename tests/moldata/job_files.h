@@ -41,6 +41,14 @@ public:
         out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
     }
 
+    // Copies fixture files (source job name plus each extension) into this job.
+    void copy_from(const std::string& source_job, std::initializer_list<const char*> exts) const {
+        for (const char* e : exts) {
+            std::ifstream in(source_job + e, std::ios::binary);
+            std::ofstream(path(e), std::ios::binary) << in.rdbuf();
+        }
+    }
+
 private:
     std::string dir_;
     std::string job_;
