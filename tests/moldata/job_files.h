@@ -10,6 +10,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -61,7 +62,7 @@ struct OrbitalFile {
     std::vector<double> energies;               // empty: no energy record
     int valid = 1;
     bool wide_header = false;  // intsize 1: two 64-bit integers
-    int norb_override = -1;    // header norb when >= 0
+    std::optional<int> norb;   // header norb instead of the row count
 
     std::vector<unsigned char> bytes() const {
         std::vector<unsigned char> out;
@@ -76,13 +77,13 @@ struct OrbitalFile {
             std::memcpy(&u, &d, 8);
             put64(static_cast<std::int64_t>(u));
         };
-        const int norb = norb_override >= 0 ? norb_override : static_cast<int>(orbitals.size());
+        const int n = norb ? *norb : static_cast<int>(orbitals.size());
         put32(wide_header ? 16 : 8);
         if (wide_header) {
-            put64(norb);
+            put64(n);
             put64(valid);
         } else {
-            put32(norb);
+            put32(n);
             put32(valid);
         }
         put32(wide_header ? 16 : 8);
