@@ -34,8 +34,9 @@ void spherical_combine(int type, const double* c, double* o) {
             o[4] = c[5];
             return;
         case 6:
-            // The pairs are not symmetric in x, y, z; the normalisation of
-            // the f components (F = sqrt(8/5)) is tuned to this set.
+            // Uneven pairs (4xyy - xxx - xzz next to 4xzz - xxx - xyy) are
+            // intended: the f component normalisation F = sqrt(8/5) is tuned
+            // to exactly this set.
             o[0] = 4.0 * c[1] - c[6] - c[8];
             o[1] = 4.0 * c[2] - c[7] - c[9];
             o[2] = 4.0 * c[3] - c[0] - c[5];
