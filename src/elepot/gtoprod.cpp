@@ -94,7 +94,9 @@ void FjTable::shape(int la_, int lb_, int stride_) {
 }
 
 void fjtab(FjTable& tab, int la, int lb, double PA, double PB) {
-    if (tab.v.empty()) fatal("Gtoprod fjtab: wrong call, pointer array is null ");
+    // A table shaped for smaller shells is as unusable as a missing one.
+    if (tab.v.empty() || la > tab.la || lb > tab.lb || tab.stride < la + lb + 1)
+        fatal("Gtoprod fjtab: wrong call, pointer array is null ");
     if (la < 0 || lb < 0) fatal("Gtoprod powx: nmax < 0");
     double pa[16], pb[16];  // l <= 6 per shell; 16 leaves room
     if (la >= 16 || lb >= 16) fatal("Gtoprod fjtab: cannot allocate memory");
