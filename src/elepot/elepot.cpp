@@ -52,6 +52,8 @@ struct ElepotState {
     int max_slice = 0;
     int nx = 1, ny = 1, nz = 1;
     int maxcontr = 0, maxprim = 0, maxprim2 = 0, maxcomp = 0, maxfun = 0;
+    // The grid the slices and line counts were made for.
+    const grid::Grid* grid = nullptr;
 };
 
 ElepotState g_ep;
@@ -123,7 +125,9 @@ bool build_tho(ElepotState& S, int L) {
 // consistent primitive data, functions inside the density matrix.
 bool shell_usable(const Shell& sh, int nbasis) {
     if (sh.type < 1 || sh.type > 12) return false;
-    if (sh.nprim < 1 || sh.ngc < 1 || (sh.type == 3 && sh.ngc != 1)) return false;
+    // Counts far beyond any real basis would only size absurd work arrays.
+    if (sh.nprim < 1 || sh.nprim > 4096 || sh.ngc < 1 || sh.ngc > 4096 || (sh.type == 3 && sh.ngc != 1))
+        return false;
     if (sh.size != moldata::kShellSize[sh.type] || !sh.center) return false;
     if (!sh.basdat || !sh.prefact) return false;
     if (sh.basdat->size() < static_cast<size_t>(sh.nprim) * sh.row_length()) return false;
@@ -242,6 +246,7 @@ int elepot_init(const moldata::Molecule* mol, const grid::Grid* grid, double mem
     fmch_init(2 * L);
     binom_grow(L);
     grid::grid_install(grid);
+    S.grid = grid;
     S.thresh = thresh;
     return 1;
 }
@@ -271,6 +276,8 @@ void comp_elepot(double* out, const moldata::Molecule* mol) {
     if (!out || !mol) return;
     std::puts("Computing Electrostatic Potential:");
     std::fflush(stdout);
+    // Other evaluators may have installed their own grid since the set-up.
+    if (g_ep.grid && grid::grid_state().grid != g_ep.grid) grid::grid_install(g_ep.grid);
     const int natoms = std::min(mol->natoms, static_cast<int>(mol->atoms.size()));
     nuclear_potential(out, mol->atoms.data(), natoms);
     if (g_ep.L >= 0 && mol->density) {
@@ -291,7 +298,7 @@ void pot_ints(PotShare& share) {
     const ElepotState& S = g_ep;
     if (S.L < 0 || !share.out || !share.density || !share.shells) return;
     const grid::GridState& gs = grid::grid_state();
-    if (!gs.grid) return;
+    if (!gs.grid || gs.grid != S.grid) return;
 
     const int L = S.L;
     const int nF = S.nF;

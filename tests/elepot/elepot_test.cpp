@@ -515,6 +515,24 @@ TEST_F(ElepotTest, ManySlicesGiveTheValuesOfOne) {
     EXPECT_EQ(ep::elepot_init(mol.get(), &g, 0.001, 1e-10, 1), 0);
 }
 
+// Another evaluator may install its own grid between the set-up and the run;
+// the run still covers the grid it was set up for.
+TEST_F(ElepotTest, RunUsesTheGridOfTheSetUp) {
+    auto mol = kvx::moldata::build_molecule(KVX_TEST_DATA "/water/water");
+    ASSERT_TRUE(mol);
+    const double c0[3] = {0.2, 0.1, -0.3}, c1[3] = {5.0, 5.0, 5.0};
+    const Grid g = box_grid(c0, 0.5, 3, 4, 2);
+    const Grid other = box_grid(c1, 0.2, 2, 2, 2);
+    const auto expect = potential(*mol, g, 1e-10);
+    ASSERT_EQ(ep::elepot_init(mol.get(), &g, 400.0, 1e-10, 1), 1);
+    kvx::grid::grid_install(&other);
+    std::vector<double> v(g.total);
+    testing::internal::CaptureStdout();
+    ep::comp_elepot(v.data(), mol.get());
+    testing::internal::GetCapturedStdout();
+    for (size_t k = 0; k < v.size(); ++k) EXPECT_EQ(v[k], expect[k]) << "k=" << k;
+}
+
 bool reject_positive_x(const double r[3]) { return r[0] <= 0.0; }
 
 // Points the filter rejects carry only the nuclear term; the others are
