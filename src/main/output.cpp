@@ -11,6 +11,8 @@
 #include <cstring>
 #include <vector>
 
+#include "moldata/checksum.h"
+
 namespace kvx::main {
 
 // Stamps read doubles and integers as they lie in memory, little-endian.
@@ -26,32 +28,9 @@ OutputModule g_output;
 
 }  // namespace
 
-uint32_t stamp(const void* data, std::size_t len, uint32_t seed) {
-    const unsigned char* b = static_cast<const unsigned char*>(data);
-    uint64_t high = seed >> 16;
-    uint64_t low = seed & 0xFFFFu;
-    for (std::size_t i = 0; i + 4 <= len; i += 4) {
-        high += b[i] * 256u + b[i + 1];
-        low += b[i + 2] * 256u + b[i + 3];
-    }
-    if (high <= 0xFFFF && low <= 0xFFFF) return static_cast<uint32_t>(high << 16 | low);
-
-    // Crossed end-around carries: the low half's carry re-enters the high
-    // half, the high half's carry (weight 2^32 == 1 mod 2^32 - 1) the low one.
-    uint64_t ch = high >> 16, cl = low >> 16;
-    high &= 0xFFFF;
-    low &= 0xFFFF;
-    uint64_t nh, nl;
-    do {
-        nh = high + cl;
-        nl = low + ch;
-        ch = nh >> 16;
-        cl = nl >> 16;
-        high = nh & 0xFFFF;
-        low = nl & 0xFFFF;
-    } while (!(ch == 0 && nl < 65536));
-    return static_cast<uint32_t>(nh << 16 | nl);
-}
+// The stamp is the molecule's density checksum function: one end-around-carry
+// sum, so that a stamp chains on from the checksum it is seeded with.
+uint32_t stamp(const void* data, std::size_t len, uint32_t seed) { return moldata::checksum32(data, len, seed); }
 
 uint32_t grid_stamp(const grid::Grid* g, uint32_t seed) {
     if (!g) return seed;
