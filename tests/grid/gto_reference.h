@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdint>
 #include <memory>
+#include <stdexcept>
 #include <vector>
 
 #include "grid/grid.h"
@@ -165,6 +166,8 @@ struct MolBuilder {
         auto dat = std::make_shared<std::vector<double>>();
         auto pre = std::make_shared<std::vector<double>>();
         for (const auto& r : rows) {
+            if (static_cast<int>(r.size()) != (type == 3 ? 3 : ngc + 1))
+                throw std::invalid_argument("basdat row of the wrong length");
             dat->insert(dat->end(), r.begin(), r.end());
             pre->push_back(0.7127054703549901 * std::pow(r[0], 0.75));
         }

@@ -29,7 +29,10 @@ MolBuilder one_type_molecule(int type) {
         b.shell(0, 3, 1, {{1.3, 0.4, 0.7}, {0.35, 0.6, -0.3}});
     else
         b.shell(0, type, 2, {{1.3, 0.4, -0.2}, {0.35, 0.6, 0.9}});
-    b.shell(1, type, 1, {{0.8, 1.0}});
+    if (type == 3)
+        b.shell(1, 3, 1, {{0.8, 1.0, 0.5}});
+    else
+        b.shell(1, type, 1, {{0.8, 1.0}});
     b.shell(1, 1, 1, {{4.0, 0.3}, {0.6, 0.8}});
     return b;
 }
