@@ -5,7 +5,7 @@
 set -euo pipefail
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 "$root/scripts/setup.sh"
-"$root/scripts/build.sh" "$root/build/release" -DCMAKE_BUILD_TYPE=Release -DKVX_TESTS=OFF
+KVX_TARGET=kalvex "$root/scripts/build.sh" "$root/build/release" -DCMAKE_BUILD_TYPE=Release
 
 out="$root/out/demo"
 mkdir -p "$out"
