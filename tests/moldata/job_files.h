@@ -1,13 +1,10 @@
-// Test helpers: a throw-away job directory and a writer for binary orbital
-// files (framed records: header, coefficient rows, optional energies).
+// Test helpers: a throw-away job directory, a writer for binary orbital files
+// (Fortran-style framed records) and the hand-made H2 job of tests/data/h2.
 #pragma once
 
-#include <unistd.h>
-
+#include <bit>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
+#include <cstdlib>  // mkdtemp
 #include <filesystem>
 #include <fstream>
 #include <optional>
@@ -18,10 +15,9 @@ namespace kvx::testing {
 
 class TempJob {
 public:
-    explicit TempJob(const std::string& name = "job") {
+    TempJob() {
         std::string tmpl = (std::filesystem::temp_directory_path() / "kvx_moldata_XXXXXX").string();
         dir_ = mkdtemp(tmpl.data());
-        job_ = dir_ + "/" + name;
     }
     ~TempJob() {
         std::error_code ec;
@@ -30,76 +26,60 @@ public:
     TempJob(const TempJob&) = delete;
     TempJob& operator=(const TempJob&) = delete;
 
-    // The job name: directory plus base name, without extension.
-    const std::string& job() const { return job_; }
-    std::string path(const std::string& ext) const { return job_ + ext; }
-
-    void write(const std::string& ext, const std::string& text) const {
-        std::ofstream(path(ext), std::ios::binary) << text;
+    std::string job() const { return dir_ + "/job"; }  // job name without extension
+    std::string path(const std::string& ext) const { return job() + ext; }
+    void write(const std::string& ext, const std::string& bytes) const {
+        std::ofstream(path(ext), std::ios::binary) << bytes;
     }
-    void write_bytes(const std::string& ext, const std::vector<unsigned char>& bytes) const {
-        std::ofstream out(path(ext), std::ios::binary);
-        out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-    }
-
-    // Copies fixture files (source job name plus each extension) into this job.
     void copy_from(const std::string& source_job, std::initializer_list<const char*> exts) const {
-        for (const char* e : exts) {
-            std::ifstream in(source_job + e, std::ios::binary);
-            std::ofstream(path(e), std::ios::binary) << in.rdbuf();
-        }
+        for (const char* e : exts) std::filesystem::copy_file(source_job + e, path(e));
     }
 
 private:
     std::string dir_;
-    std::string job_;
 };
 
-// Little-endian byte image of a binary orbital file. Each record is framed
-// by its byte length before and after, as Fortran unformatted files are.
+// Little-endian byte image of a binary orbital file: header record (norb,
+// valid), one record of coefficient rows, an optional energy record.
 struct OrbitalFile {
-    std::vector<std::vector<double>> orbitals;  // rows of nbasis coefficients
-    std::vector<double> energies;               // empty: no energy record
+    std::vector<std::vector<double>> orbitals;
+    std::vector<double> energies;  // empty: no energy record
     int valid = 1;
     bool wide_header = false;  // intsize 1: two 64-bit integers
     std::optional<int> norb;   // header norb instead of the row count
 
-    std::vector<unsigned char> bytes() const {
-        std::vector<unsigned char> out;
-        auto put32 = [&](std::int32_t v) {
-            for (int i = 0; i < 4; ++i) out.push_back(static_cast<unsigned char>((static_cast<std::uint32_t>(v) >> (8 * i)) & 0xff));
+    std::string bytes() const {
+        std::string out;
+        auto put = [&](std::uint64_t v, int n) {
+            for (int i = 0; i < n; ++i) out.push_back(static_cast<char>((v >> (8 * i)) & 0xff));
         };
-        auto put64 = [&](std::int64_t v) {
-            for (int i = 0; i < 8; ++i) out.push_back(static_cast<unsigned char>((static_cast<std::uint64_t>(v) >> (8 * i)) & 0xff));
+        auto record = [&](const std::vector<double>& values) {
+            put(8 * values.size(), 4);
+            for (double d : values) put(std::bit_cast<std::uint64_t>(d), 8);
+            put(8 * values.size(), 4);
         };
-        auto putd = [&](double d) {
-            std::uint64_t u;
-            std::memcpy(&u, &d, 8);
-            put64(static_cast<std::int64_t>(u));
-        };
-        const int n = norb ? *norb : static_cast<int>(orbitals.size());
-        put32(wide_header ? 16 : 8);
-        if (wide_header) {
-            put64(n);
-            put64(valid);
-        } else {
-            put32(n);
-            put32(valid);
-        }
-        put32(wide_header ? 16 : 8);
-        std::int32_t len = 0;
-        for (const auto& o : orbitals) len += static_cast<std::int32_t>(8 * o.size());
-        put32(len);
-        for (const auto& o : orbitals)
-            for (double d : o) putd(d);
-        put32(len);
-        if (!energies.empty()) {
-            put32(static_cast<std::int32_t>(8 * energies.size()));
-            for (double d : energies) putd(d);
-            put32(static_cast<std::int32_t>(8 * energies.size()));
-        }
+        const int w = wide_header ? 8 : 4;
+        put(2 * w, 4);
+        put(static_cast<std::uint64_t>(norb ? *norb : static_cast<int>(orbitals.size())), w);
+        put(static_cast<std::uint64_t>(valid), w);
+        put(2 * w, 4);
+        std::vector<double> rows;
+        for (const auto& o : orbitals) rows.insert(rows.end(), o.begin(), o.end());
+        record(rows);
+        if (!energies.empty()) record(energies);
         return out;
     }
 };
+
+inline const std::string kH2 = KVX_TEST_DATA "/h2/h2";
+
+// The multi-file H2 job with its occupied orbital (0.5, 0.5) and a virtual one.
+inline void write_h2(const TempJob& job) {
+    job.copy_from(kH2, {".control", ".coord", ".basis", ".sym"});
+    OrbitalFile mos;
+    mos.orbitals = {{0.5, 0.5}, {0.75, -0.75}};
+    mos.energies = {-0.5, 0.25};
+    job.write(".mos", mos.bytes());
+}
 
 }  // namespace kvx::testing
