@@ -267,13 +267,7 @@ bool read_onefile_basis(Molecule& mol, const std::string& path) {
     // "$atoms": lists of atom numbers, each list closed by "basis=label".
     std::vector<std::string> labels(natoms);
     std::string line;
-    bool found = false;
-    while (read_line(f, line, kKvmLine))
-        if (line.find("$atoms") != std::string::npos) {
-            found = true;
-            break;
-        }
-    if (!found) return false;
+    if (!find_line(f, line, "$atoms", kKvmLine)) return false;
     std::vector<int> pending;
     bool closed = false;
     while (read_line(f, line, kKvmLine)) {
@@ -299,13 +293,7 @@ bool read_onefile_basis(Molecule& mol, const std::string& path) {
     // "$basis": "*" lines bracket the basis name; then shell headers
     // "nprim label" each followed by nprim lines of numbers.
     std::rewind(f);
-    found = false;
-    while (read_line(f, line, kKvmLine))
-        if (line.find("$basis") != std::string::npos) {
-            found = true;
-            break;
-        }
-    if (!found) return false;
+    if (!find_line(f, line, "$basis", kKvmLine)) return false;
     std::vector<Shell> shells;
     std::string name, why;
     bool name_mode = false, ok = true;

@@ -107,13 +107,7 @@ std::unique_ptr<OrbitalSet> read_text_orbitals(const std::string& jobname, const
     if (!file) return nullptr;
     std::FILE* f = file.get();
     std::string line;
-    bool found = false;
-    while (read_line(f, line, kKvmLine))
-        if (line.find(section) != std::string::npos) {
-            found = true;
-            break;
-        }
-    if (!found) return nullptr;
+    if (!find_line(f, line, section, kKvmLine)) return nullptr;
 
     auto set = std::make_unique<OrbitalSet>();
     set->coef.cols = nbasis;

@@ -137,12 +137,7 @@ std::unique_ptr<Molecule> read_onefile(const std::string& jobname) {
     // "$coord": one atom per line, "x y z symbol", until a line with "$".
     std::rewind(f);
     std::string line;
-    bool found = false;
-    while (read_line(f, line, 300))
-        if (line.find("$coord") != std::string::npos) {
-            found = true;
-            break;
-        }
+    const bool found = find_line(f, line, "$coord", 300);
     std::vector<Atom> atoms;
     bool closed = false;
     while (found && read_line(f, line, 300)) {

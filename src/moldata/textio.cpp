@@ -27,6 +27,12 @@ bool read_line(std::FILE* f, std::string& line, int limit) {
     return !line.empty();
 }
 
+bool find_line(std::FILE* f, std::string& line, const char* key, int limit) {
+    while (read_line(f, line, limit))
+        if (line.find(key) != std::string::npos) return true;
+    return false;
+}
+
 bool scan_token(std::FILE* f, std::string& tok) {
     tok.clear();
     int c;

@@ -25,6 +25,10 @@ long remaining_bytes(std::FILE* f);
 // nothing was read.
 bool read_line(std::FILE* f, std::string& line, int limit);
 
+// Reads lines (read_line with `limit`) until one contains `key`; false when
+// the file ends first. The matching line is left in `line`.
+bool find_line(std::FILE* f, std::string& line, const char* key, int limit);
+
 // Longest token kept by scan_token; the rest of a longer token is consumed.
 inline constexpr std::size_t kMaxToken = 255;
 
