@@ -7,6 +7,7 @@
 
 #include "common/fatal.h"
 #include "elepot/gtoprod.h"
+#include "moldata/spherical.h"
 
 namespace kvx::grid {
 
@@ -231,6 +232,19 @@ const GtoBuilder* gto_builder() { return g_gto.bptr.get(); }
 int gto_stride() { return g_gto.stride; }
 int gto_scratch_width() { return g_gto.scratch_width; }
 
+namespace {
+
+// The cartesian monomials x^ax y^ay z^az of a type's degree, in component order.
+void monomials(int type, const double* x, const double* y, const double* z, double* out) {
+    const int l = moldata::kAngular[static_cast<std::size_t>(type)];
+    for (int k = 0; k < moldata::kCartCount[static_cast<std::size_t>(type)]; ++k) {
+        const moldata::CartExp e = moldata::cart_exponents(l, k);
+        out[k] = x[e.x] * y[e.y] * z[e.z];
+    }
+}
+
+}  // namespace
+
 double comp_cterm(double* factors, double* cache, const double* pdx, const double* pdy, const double* pdz,
                   int type) {
     if (type == 1) return 1.0;
@@ -250,21 +264,6 @@ double comp_cterm(double* factors, double* cache, const double* pdx, const doubl
             f[1] = y[1];
             f[2] = z[1];
             break;
-        case 4:
-            f[0] = (2.0 * z[2] - x[2] - y[2]) * 0.2886751345948129;
-            f[1] = (x[2] - y[2]) * 0.5;
-            f[2] = x[1] * y[1];
-            f[3] = x[1] * z[1];
-            f[4] = y[1] * z[1];
-            break;
-        case 5:
-            f[0] = x[2];
-            f[1] = y[2];
-            f[2] = z[2];
-            f[3] = x[1] * y[1];
-            f[4] = x[1] * z[1];
-            f[5] = y[1] * z[1];
-            break;
         case 6:
             // zy^2 in the first and 4y^2z^2 in the sixth factor are intended.
             f[0] = 4.0 * x[2] * y[1] - y[3] - z[1] * y[2];
@@ -275,57 +274,21 @@ double comp_cterm(double* factors, double* cache, const double* pdx, const doubl
             f[5] = 4.0 * y[2] * z[2] - y[1] * x[2] - y[3];
             f[6] = 6.324555320336759 * x[1] * y[1] * z[1];
             break;
+        case 5:
         case 7:
         case 8:
         case 9:
-        case 10: {
-            const int l = moldata::kAngular[static_cast<std::size_t>(type)];
-            for (int k = 0; k < n; ++k) {
-                const moldata::CartExp e = moldata::cart_exponents(l, k);
-                f[k] = x[e.x] * y[e.y] * z[e.z];
-            }
+        case 10:
+            monomials(type, x, y, z, f);
             break;
-        }
-        case 11: {
-            double c[15];
-            for (int k = 0; k < 15; ++k) {
-                const moldata::CartExp e = moldata::cart_exponents(4, k);
-                c[k] = x[e.x] * y[e.y] * z[e.z];
-            }
-            constexpr double p = 1.15470053837925;  // 2 / sqrt 3
-            constexpr double q = 3.2659863237109;   // sqrt(32/3)
-            f[0] = (c[10] + c[0] - 6.0 * c[3]) * p;
-            f[1] = (c[14] + c[0] - 6.0 * c[5]) * p;
-            f[2] = (c[14] + c[10] - 6.0 * c[12]) * p;
-            f[3] = (c[1] - 3.0 * c[8]) * q;
-            f[4] = (c[6] - 3.0 * c[8]) * q;
-            f[5] = (c[2] - 3.0 * c[7]) * q;
-            f[6] = (c[9] - 3.0 * c[7]) * q;
-            f[7] = (c[11] - 3.0 * c[4]) * q;
-            f[8] = (c[13] - 3.0 * c[4]) * q;
-            break;
-        }
+        case 4:
+        case 11:
         case 12: {
+            // Spherical d, g, h: the real combinations of the cartesian
+            // monomials, as in the integral blocks.
             double c[21];
-            for (int k = 0; k < 21; ++k) {
-                const moldata::CartExp e = moldata::cart_exponents(5, k);
-                c[k] = x[e.x] * y[e.y] * z[e.z];
-            }
-            constexpr double r = 0.730296743340221;  // sqrt(8/15)
-            constexpr double s = 2.3094010767585;    // 4 / sqrt 3
-            constexpr double t = 9.23760430703401;   // 16 / sqrt 3
-            constexpr double u = 5.333333333333333;  // 16 / 3
-            f[0] = (c[0] - 10.0 * c[3] + 5.0 * c[10]) * r;
-            f[1] = (c[0] - 10.0 * c[5] + 5.0 * c[14]) * r;
-            f[2] = (5.0 * c[1] + c[15] - 10.0 * c[6]) * r;
-            f[3] = (c[15] - 10.0 * c[17] + 5.0 * c[19]) * r;
-            f[4] = (5.0 * c[2] + c[20] - 10.0 * c[9]) * r;
-            f[5] = (c[20] - 10.0 * c[18] + 5.0 * c[16]) * r;
-            f[6] = (c[16] + c[2] - 6.0 * c[7]) * s;
-            f[7] = (c[19] + c[1] - 6.0 * c[8]) * s;
-            f[8] = (c[14] + c[10] - 6.0 * c[12]) * s;
-            f[9] = (c[4] - c[11]) * t;
-            f[10] = (c[4] - 2.0 * c[13] + c[11]) * u;
+            monomials(type, x, y, z, c);
+            moldata::spherical_combine(type, c, f);
             break;
         }
         default: break;

@@ -22,10 +22,11 @@
 
 namespace kvx::grid {
 
-// Angular power used for a shell's radius, per type code.
-inline constexpr std::array<int, 14> kRangePower = {0, 0, 1, 1, 2, 2, 3, 3, 4, 5, 6, 4, 5, 6};
-// Coefficients per contracted function, per type code (spherical counts).
-inline constexpr std::array<int, 14> kGtoComponents = {0, 1, 3, 4, 5, 6, 7, 10, 15, 21, 28, 9, 11, 13};
+// Angular power used for a shell's radius, per type code: the shell's l.
+inline constexpr const auto& kRangePower = moldata::kAngular;
+// Coefficients per contracted function, per type code: the shell size
+// (spherical counts; 4 for sp).
+inline constexpr const auto& kGtoComponents = moldata::kShellSize;
 
 // Angular factor area: kFactorBlocks blocks of kFactorBlock doubles, plus a
 // cache of kFactorBlocks slots (largest |factor| of a type, 0 = not formed).
