@@ -46,7 +46,7 @@ void visit_point(const GtoBuilder& b, const MaxCmo& maxcmo, int p, double* facto
             const moldata::Shell& sh = *shells[s];
             const double big_r = shell_radial(radial, r2, sh);
             const double big_t = comp_cterm(factors, cache, px, py, pz, sh.type);
-            if (big_t * big_r * mx[s] >= eps) on_shell(sh, s);
+            if (big_t * big_r * mx[s] >= eps) on_shell(sh);
         }
     }
 }
@@ -105,33 +105,29 @@ MaxCmo comp_maxcmo(const double* const* cmo, const std::vector<int>& nshat,
     return out;
 }
 
-void compute_mogrid(const MoRequest& req) {
-    const GtoBuilder* b = gto_builder();
-    if (!b || !req.out || !req.cmo) return;
-    grid_install(b->grid);  // point numbering of the builder's grid
-    const RangeTable& rt = *b->ranges;
-    const int total = static_cast<int>(b->grid->total);
+namespace {
+
+// The point loop shared by orbital and density grids: out[p] += the sum of
+// shell_value(shell) over the shells surviving screening at p, with progress
+// lines from `base` on in steps of `step` per point. Stops on the abort flag.
+template <class ShellValue>
+void point_loop(const GtoBuilder& b, const MaxCmo& maxcmo, const char* nomem, double* out, int first, double step,
+                double base, ShellValue&& shell_value) {
+    grid_install(b.grid);  // point numbering of the builder's grid
+    const int total = static_cast<int>(b.grid->total);
     const int stride = gto_stride();
-
     std::vector<double> radial;
-    alloc_or_die("Density compute_mogrid: cannot allocate memory",
-                 [&] { radial.assign(std::max(gto_scratch_width(), 2), 0.0); });
-    const double one = 1.0;
-    const MaxCmo maxcmo = comp_maxcmo(req.cmo, rt.nshat, rt.atshpt, rt.natoms, 1, &one);
-
+    alloc_or_die(nomem, [&] { radial.assign(std::max(gto_scratch_width(), 2), 0.0); });
     double factors[kFactorSize] = {};
     double cache[kFactorBlocks] = {};
-    const double* coef = req.cmo[0];
-    const bool prints = req.first_point == stride - 1;
-    const double step = 100.0 / total;
-    double last = 0.0;
-    for (int p = req.first_point; p < total; p += stride) {
-        const double pct = p * step;
+    const bool prints = first == stride - 1;
+    double last = base;
+    for (int p = first; p < total; p += stride) {
+        const double pct = p * step + base;
         double sum = 0.0;
-        visit_point(*b, maxcmo, p, factors, cache, radial.data(), [&](const moldata::Shell& sh, int) {
-            sum += sum_gto(factors, radial.data(), coef, sh.type, sh.ngc, sh.nfirst);
-        });
-        req.out[p] += sum;
+        visit_point(b, maxcmo, p, factors, cache, radial.data(),
+                    [&](const moldata::Shell& sh) { sum += shell_value(factors, radial.data(), sh); });
+        out[p] += sum;
         if (prints && pct >= last + 10.0) {
             progress_line(pct);
             last = pct;
@@ -140,43 +136,39 @@ void compute_mogrid(const MoRequest& req) {
     }
 }
 
+}  // namespace
+
+void compute_mogrid(const MoRequest& req) {
+    const GtoBuilder* b = gto_builder();
+    if (!b || !req.out || !req.cmo) return;
+    const RangeTable& rt = *b->ranges;
+    const double one = 1.0;
+    const MaxCmo maxcmo = comp_maxcmo(req.cmo, rt.nshat, rt.atshpt, rt.natoms, 1, &one);
+    const double* coef = req.cmo[0];
+    point_loop(*b, maxcmo, "Density compute_mogrid: cannot allocate memory", req.out, req.first_point,
+               100.0 / b->grid->total, 0.0, [&](const double* factors, const double* radial, const moldata::Shell& sh) {
+                   return sum_gto(factors, radial, coef, sh.type, sh.ngc, sh.nfirst);
+               });
+}
+
 void compute_dengrid(const DenRequest& req) {
     const GtoBuilder* b = gto_builder();
     if (!b || !req.out || (req.norb > 0 && (!req.cmo || !req.occ))) return;
-    grid_install(b->grid);  // point numbering of the builder's grid
     const RangeTable& rt = *b->ranges;
-    const int total = static_cast<int>(b->grid->total);
-    const int stride = gto_stride();
-
-    std::vector<double> radial;
-    alloc_or_die("Density compute_dengrid: cannot allocate memory",
-                 [&] { radial.assign(std::max(gto_scratch_width(), 2), 0.0); });
     const MaxCmo maxcmo = comp_maxcmo(req.cmo, rt.nshat, rt.atshpt, rt.natoms, req.norb, req.occ);
-
-    double factors[kFactorSize] = {};
-    double cache[kFactorBlocks] = {};
-    const bool prints = req.first_point == stride - 1;
-    const double step = 100.0 / (total * req.passes);
-    double last = req.base;
-    for (int p = req.first_point; p < total; p += stride) {
-        const double pct = p * step + req.base;
-        double sum = 0.0;
-        // Each shell's part of an orbital is squared on its own: the cross
-        // terms between shells are left out, as intended.
-        visit_point(*b, maxcmo, p, factors, cache, radial.data(), [&](const moldata::Shell& sh, int) {
-            for (int i = 0; i < req.norb; ++i) {
-                if (req.occ[i] == 0.0) continue;
-                const double v = sum_gto(factors, radial.data(), req.cmo[i], sh.type, sh.ngc, sh.nfirst);
-                sum += req.occ[i] * v * v;
-            }
-        });
-        req.out[p] += sum;
-        if (prints && pct >= last + 10.0) {
-            progress_line(pct);
-            last = pct;
-        }
-        if (abort_flag) break;
-    }
+    point_loop(*b, maxcmo, "Density compute_dengrid: cannot allocate memory", req.out, req.first_point,
+               100.0 / (b->grid->total * req.passes), req.base,
+               [&](const double* factors, const double* radial, const moldata::Shell& sh) {
+                   // Each shell's part of an orbital is squared on its own: the
+                   // cross terms between shells are left out, as intended.
+                   double sum = 0.0;
+                   for (int i = 0; i < req.norb; ++i) {
+                       if (req.occ[i] == 0.0) continue;
+                       const double v = sum_gto(factors, radial, req.cmo[i], sh.type, sh.ngc, sh.nfirst);
+                       sum += req.occ[i] * v * v;
+                   }
+                   return sum;
+               });
 }
 
 void fill_mo(PropertyGrid* pg, const moldata::OrbitalSet* set, const char* orbital_text, const char* set_name) {
