@@ -438,77 +438,80 @@ void pot_ints(PotShare& share) {
             const double AB2 = (Ac[0] - Bc[0]) * (Ac[0] - Bc[0]) + (Ac[1] - Bc[1]) * (Ac[1] - Bc[1]) +
                                (Ac[2] - Bc[2]) * (Ac[2] - Bc[2]);
 
+            // Surviving primitive pairs and their per-line factors; they are
+            // the same for every slice, so they are built once per shell pair.
+            if (!both_s) {
+                ftabx.shape(lA, lB, nu_stride);
+                ftaby.shape(lA, lB, nu_stride);
+                ftabz.shape(lA, lB, nu_stride);
+            }
+            int npp = 0;
+            for (int a = 0; a < A.nprim; ++a) {
+                double cmaxA = 0.0;
+                for (int c = 0; c < colsA; ++c) cmaxA = std::max(cmaxA, std::fabs(A.coef(a, c)));
+                const double alA = A.exponent(a);
+                for (int b = 0; b < B.nprim; ++b) {
+                    double cmaxB = 0.0;
+                    for (int c = 0; c < colsB; ++c) cmaxB = std::max(cmaxB, std::fabs(B.coef(b, c)));
+                    const double alB = B.exponent(b);
+                    const double g = alA + alB;
+                    const double P[3] = {(alA * Ac[0] + alB * Bc[0]) / g, (alA * Ac[1] + alB * Bc[1]) / g,
+                                         (alA * Ac[2] + alB * Bc[2]) / g};
+                    const double K = std::exp(-alA * alB * AB2 / g);
+                    const double pre = (*A.prefact)[static_cast<size_t>(a)] * 2.0 * std::numbers::pi *
+                                       (*B.prefact)[static_cast<size_t>(b)] * (1.0 / g) * K;
+                    // Bound on the pair's share of the sum over all nbasis^2 function pairs.
+                    const double est = cmaxB * cmaxA * dmax * std::sqrt(std::max(alA, alB)) * nbas2 *
+                                       std::sqrt(1.0 / g) * 0.8862269254527579 * pre;
+                    if (!(est >= thresh)) continue;
+                    const size_t pp = static_cast<size_t>(npp);
+                    ga[pp] = g;
+                    s0thrs[pp] = est * est / (thresh * thresh);
+
+                    for (int c = 0; c < ncA; ++c)
+                        for (int i = 0; i < compA; ++i)
+                            cca[static_cast<size_t>(c * compA + i)] =
+                                tA == 3 ? A.coef(a, i == 0 ? 0 : 1) : A.coef(a, c);
+                    for (int c = 0; c < ncB; ++c)
+                        for (int j = 0; j < compB; ++j)
+                            ccb[static_cast<size_t>(c * compB + j)] =
+                                tB == 3 ? B.coef(b, j == 0 ? 0 : 1) : B.coef(b, c);
+                    double* cc = ccab.data() + pp * fun2;
+                    for (int c1 = 0; c1 < ncA; ++c1)
+                        for (int c2 = 0; c2 < ncB; ++c2)
+                            for (int i = 0; i < compA; ++i)
+                                for (int j = 0; j < compB; ++j)
+                                    cc[static_cast<size_t>(((c1 * ncB + c2) * compA + i) * compB + j)] =
+                                        cca[static_cast<size_t>(c1 * compA + i)] *
+                                        ccb[static_cast<size_t>(c2 * compB + j)] * pre;
+
+                    for (int i = 0; i < nx; ++i)
+                        powx(pcpowx.data() + i * pc_line + pp * pc_pair, P[0] - linex[static_cast<size_t>(i)], npow);
+                    for (int j = 0; j < ny; ++j)
+                        powx(pcpowy.data() + j * pc_line + pp * pc_pair, P[1] - liney[static_cast<size_t>(j)], npow);
+                    for (int k = 0; k < nz; ++k)
+                        powx(pcpowz.data() + k * pc_line + pp * pc_pair, P[2] - linez[static_cast<size_t>(k)], npow);
+
+                    if (!both_s) {
+                        powx(powe.data(), 0.25 / g, lab);  // eps = 1/(4 gamma)
+                        fjtab(ftabx, lA, lB, P[0] - Ac[0], P[0] - Bc[0]);
+                        fjtab(ftaby, lA, lB, P[1] - Ac[1], P[1] - Bc[1]);
+                        fjtab(ftabz, lA, lB, P[2] - Ac[2], P[2] - Bc[2]);
+                        line_factors(S, cfl.data() + pp * pair_cf, cf_line, pcpowx.data() + pp * pc_pair, pc_line,
+                                     nx, ftabx, lA, lB, powe.data(), nu_stride);
+                        line_factors(S, cfm.data() + pp * pair_cf, cf_line, pcpowy.data() + pp * pc_pair, pc_line,
+                                     ny, ftaby, lA, lB, powe.data(), nu_stride);
+                        line_factors(S, cfn.data() + pp * pair_cf, cf_line, pcpowz.data() + pp * pc_pair, pc_line,
+                                     nz, ftabz, lA, lB, powe.data(), nu_stride);
+                    }
+                    ++npp;
+                }
+            }
+
             long start = 0;
             for (int sl = 0; sl < S.nslices; ++sl) {
                 const int np = S.slice_size[static_cast<size_t>(sl)];
                 for (int j = 0; j < np; ++j) intc[static_cast<size_t>(j)] = intcf.data() + static_cast<size_t>(j) * blocklen;
-
-                // Surviving primitive pairs and their per-line factors.
-                int npp = 0;
-                for (int a = 0; a < A.nprim; ++a) {
-                    double cmaxA = 0.0;
-                    for (int c = 0; c < colsA; ++c) cmaxA = std::max(cmaxA, std::fabs(A.coef(a, c)));
-                    const double alA = A.exponent(a);
-                    for (int b = 0; b < B.nprim; ++b) {
-                        double cmaxB = 0.0;
-                        for (int c = 0; c < colsB; ++c) cmaxB = std::max(cmaxB, std::fabs(B.coef(b, c)));
-                        const double alB = B.exponent(b);
-                        const double g = alA + alB;
-                        const double P[3] = {(alA * Ac[0] + alB * Bc[0]) / g, (alA * Ac[1] + alB * Bc[1]) / g,
-                                             (alA * Ac[2] + alB * Bc[2]) / g};
-                        const double K = std::exp(-alA * alB * AB2 / g);
-                        const double pre = (*A.prefact)[static_cast<size_t>(a)] * 2.0 * std::numbers::pi *
-                                           (*B.prefact)[static_cast<size_t>(b)] * (1.0 / g) * K;
-                        // Bound on the pair's share of the sum over all nbasis^2 function pairs.
-                        const double est = cmaxB * cmaxA * dmax * std::sqrt(std::max(alA, alB)) * nbas2 *
-                                           std::sqrt(1.0 / g) * 0.8862269254527579 * pre;
-                        if (!(est >= thresh)) continue;
-                        const size_t pp = static_cast<size_t>(npp);
-                        ga[pp] = g;
-                        s0thrs[pp] = est * est / (thresh * thresh);
-
-                        for (int c = 0; c < ncA; ++c)
-                            for (int i = 0; i < compA; ++i)
-                                cca[static_cast<size_t>(c * compA + i)] =
-                                    tA == 3 ? A.coef(a, i == 0 ? 0 : 1) : A.coef(a, c);
-                        for (int c = 0; c < ncB; ++c)
-                            for (int j = 0; j < compB; ++j)
-                                ccb[static_cast<size_t>(c * compB + j)] =
-                                    tB == 3 ? B.coef(b, j == 0 ? 0 : 1) : B.coef(b, c);
-                        double* cc = ccab.data() + pp * fun2;
-                        for (int c1 = 0; c1 < ncA; ++c1)
-                            for (int c2 = 0; c2 < ncB; ++c2)
-                                for (int i = 0; i < compA; ++i)
-                                    for (int j = 0; j < compB; ++j)
-                                        cc[static_cast<size_t>(((c1 * ncB + c2) * compA + i) * compB + j)] =
-                                            cca[static_cast<size_t>(c1 * compA + i)] *
-                                            ccb[static_cast<size_t>(c2 * compB + j)] * pre;
-
-                        for (int i = 0; i < nx; ++i)
-                            powx(pcpowx.data() + i * pc_line + pp * pc_pair, P[0] - linex[static_cast<size_t>(i)], npow);
-                        for (int j = 0; j < ny; ++j)
-                            powx(pcpowy.data() + j * pc_line + pp * pc_pair, P[1] - liney[static_cast<size_t>(j)], npow);
-                        for (int k = 0; k < nz; ++k)
-                            powx(pcpowz.data() + k * pc_line + pp * pc_pair, P[2] - linez[static_cast<size_t>(k)], npow);
-
-                        if (!both_s) {
-                            powx(powe.data(), 0.25 / g, lab);  // eps = 1/(4 gamma)
-                            ftabx.shape(lA, lB, nu_stride);
-                            ftaby.shape(lA, lB, nu_stride);
-                            ftabz.shape(lA, lB, nu_stride);
-                            fjtab(ftabx, lA, lB, P[0] - Ac[0], P[0] - Bc[0]);
-                            fjtab(ftaby, lA, lB, P[1] - Ac[1], P[1] - Bc[1]);
-                            fjtab(ftabz, lA, lB, P[2] - Ac[2], P[2] - Bc[2]);
-                            line_factors(S, cfl.data() + pp * pair_cf, cf_line, pcpowx.data() + pp * pc_pair, pc_line,
-                                         nx, ftabx, lA, lB, powe.data(), nu_stride);
-                            line_factors(S, cfm.data() + pp * pair_cf, cf_line, pcpowy.data() + pp * pc_pair, pc_line,
-                                         ny, ftaby, lA, lB, powe.data(), nu_stride);
-                            line_factors(S, cfn.data() + pp * pair_cf, cf_line, pcpowz.data() + pp * pc_pair, pc_line,
-                                         nz, ftabz, lA, lB, powe.data(), nu_stride);
-                        }
-                        ++npp;
-                    }
-                }
 
                 if (npp > 0) {
                     // Grid indices of the slice's first point (missing extents are 1).
