@@ -62,19 +62,6 @@ void clear_state() {
     std::vector<double>().swap(state.radii);
 }
 
-// Runs f(); false when it ran out of memory.
-template <class F>
-bool try_alloc(F&& f) {
-    try {
-        f();
-        return true;
-    } catch (const std::bad_alloc&) {
-        return false;
-    } catch (const std::length_error&) {
-        return false;
-    }
-}
-
 // Writes the message, closes the report.
 void fail(std::FILE* fp, const char* msg) {
     std::fputs(msg, fp);
@@ -131,7 +118,7 @@ int chelp_setup(const moldata::Molecule* mol, double thresh) {
     int n = mol->natoms - mol->ndummy[1];
     if (n < 0) n = 0;
     if (static_cast<std::size_t>(n) > mol->atoms.size()) n = static_cast<int>(mol->atoms.size());
-    if (!try_alloc([&] { state.radii.resize(static_cast<std::size_t>(n)); })) {
+    if (!common::try_alloc([&] { state.radii.resize(static_cast<std::size_t>(n)); })) {
         clear_state();
         return 0;
     }
@@ -187,9 +174,9 @@ void chelpg(const grid::PropertyGrid* pot, const char* jobname) {
 
     // Point selection: rp holds x, y, z of each taken point (3 x n), vp its value.
     std::vector<double> rp, vp;
-    if (!try_alloc([&] { rp.resize(3 * static_cast<std::size_t>(total)); }))
+    if (!common::try_alloc([&] { rp.resize(3 * static_cast<std::size_t>(total)); }))
         return fail(fp, "Chelp chelpg: rp is out of memory\n");
-    if (!try_alloc([&] { vp.resize(static_cast<std::size_t>(total)); }))
+    if (!common::try_alloc([&] { vp.resize(static_cast<std::size_t>(total)); }))
         return fail(fp, "Chelp chelpg: vp is out of memory\n");
     int npts = 0;
     for (int k = 0; k < total; ++k) {
@@ -207,12 +194,12 @@ void chelpg(const grid::PropertyGrid* pot, const char* jobname) {
         vp[static_cast<std::size_t>(npts)] = v;
         ++npts;
     }
-    if (!try_alloc([&] {
+    if (!common::try_alloc([&] {
             rp.resize(3 * static_cast<std::size_t>(npts));
             rp.shrink_to_fit();
         }))
         return fail(fp, "Chelp chelpg: cannot reallocate rp\n");
-    if (!try_alloc([&] {
+    if (!common::try_alloc([&] {
             vp.resize(static_cast<std::size_t>(npts));
             vp.shrink_to_fit();
         }))
@@ -225,15 +212,15 @@ void chelpg(const grid::PropertyGrid* pot, const char* jobname) {
     std::vector<int> ipiv;
     const int n = natoms + 1;
     const std::size_t nn = static_cast<std::size_t>(n);
-    if (!try_alloc([&] { w.assign(static_cast<std::size_t>(npts), 1.0); }))
+    if (!common::try_alloc([&] { w.assign(static_cast<std::size_t>(npts), 1.0); }))
         return fail(fp, "Chelp chelpg: cannot allocate w\n");
-    if (!try_alloc([&] {
+    if (!common::try_alloc([&] {
             a.assign(nn * nn, 0.0);
             invd.resize(static_cast<std::size_t>(natoms));
         }))
         return fail(fp, "Chelp chelpg: cannot allocate a\n");
-    if (!try_alloc([&] { b.assign(nn, 0.0); })) return fail(fp, "Chelp chelpg: cannot allocate b\n");
-    if (!try_alloc([&] { ipiv.resize(nn); })) return fail(fp, "Chelp chelpg: cannot allocate ipiv\n");
+    if (!common::try_alloc([&] { b.assign(nn, 0.0); })) return fail(fp, "Chelp chelpg: cannot allocate b\n");
+    if (!common::try_alloc([&] { ipiv.resize(nn); })) return fail(fp, "Chelp chelpg: cannot allocate ipiv\n");
 
     // Column-major A(row, col) = a[col * n + row]:
     //   A(b, a) = sum_k w_k / (|r_k - R_a| |r_k - R_b|),  B(a) = sum_k w_k V_k / |r_k - R_a|.

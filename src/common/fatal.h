@@ -33,6 +33,20 @@ decltype(auto) alloc_or_die(const char* msg, F&& f) {
     }
 }
 
+// Runs f(); false when it ran out of memory (std::bad_alloc, or a size that
+// cannot be represented). For allocations whose failure is reported softly.
+template <class F>
+bool try_alloc(F&& f) {
+    try {
+        std::forward<F>(f)();
+        return true;
+    } catch (const std::bad_alloc&) {
+        return false;
+    } catch (const std::length_error&) {
+        return false;
+    }
+}
+
 // Set to 1 by the SIGINT handler; long loops poll it between points or shell
 // pairs and stop early. The driver clears it around every calculation.
 extern volatile std::sig_atomic_t abort_flag;

@@ -3,7 +3,8 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
-#include <new>
+
+#include "common/fatal.h"
 
 namespace kvx::main {
 
@@ -66,9 +67,7 @@ std::optional<std::vector<double>> select_mos(const Molecule& mol, char* list, i
 
     const int n = set->count;
     std::vector<double> occ;
-    try {
-        occ.assign(static_cast<std::size_t>(n), 0.0);
-    } catch (const std::bad_alloc&) {
+    if (!common::try_alloc([&] { occ.assign(static_cast<std::size_t>(n), 0.0); })) {
         std::printf("Kalvex select_mos; cannot allocate");
         return std::nullopt;
     }

@@ -1,51 +1,43 @@
 #include "moldata/molecule.h"
 
-#include <new>
-#include <stdexcept>
+#include "common/fatal.h"
 
 namespace kvx::moldata {
 
 std::shared_ptr<TriMatrix> tri_alloc(int n) {
     if (n < 0) return nullptr;
-    try {
-        auto m = std::make_shared<TriMatrix>();
-        m->n = n;
-        m->data.assign(static_cast<std::size_t>(n) * (n + 1) / 2, 0.0);
-        return m;
-    } catch (const std::bad_alloc&) {
+    std::shared_ptr<TriMatrix> m;
+    if (!common::try_alloc([&] {
+            m = std::make_shared<TriMatrix>();
+            m->n = n;
+            m->data.assign(static_cast<std::size_t>(n) * (n + 1) / 2, 0.0);
+        }))
         return nullptr;
-    } catch (const std::length_error&) {
-        return nullptr;
-    }
+    return m;
 }
 
 std::unique_ptr<RowMatrix> rowmat_alloc(int rows, int cols) {
     if (rows < 0 || cols < 0) return nullptr;
-    try {
-        auto m = std::make_unique<RowMatrix>();
-        m->rows = rows;
-        m->cols = cols;
-        m->data.assign(static_cast<std::size_t>(rows) * cols, 0.0);
-        return m;
-    } catch (const std::bad_alloc&) {
+    std::unique_ptr<RowMatrix> m;
+    if (!common::try_alloc([&] {
+            m = std::make_unique<RowMatrix>();
+            m->rows = rows;
+            m->cols = cols;
+            m->data.assign(static_cast<std::size_t>(rows) * cols, 0.0);
+        }))
         return nullptr;
-    } catch (const std::length_error&) {
-        return nullptr;
-    }
+    return m;
 }
 
 bool rowmat_resize(RowMatrix& m, int new_rows) {
     if (new_rows < 0) return false;
-    try {
-        m.data.resize(static_cast<std::size_t>(new_rows) * m.cols, 0.0);
-        m.data.shrink_to_fit();
-        m.rows = new_rows;
-        return true;
-    } catch (const std::bad_alloc&) {
+    if (!common::try_alloc([&] {
+            m.data.resize(static_cast<std::size_t>(new_rows) * m.cols, 0.0);
+            m.data.shrink_to_fit();
+        }))
         return false;
-    } catch (const std::length_error&) {
-        return false;
-    }
+    m.rows = new_rows;
+    return true;
 }
 
 DataFlags compute_flags(const Molecule& mol) {

@@ -27,11 +27,6 @@ struct OverlapScratch {
 };
 OverlapScratch g_ov;
 
-template <class F>
-void grow(const char* msg, F&& f) {
-    common::alloc_or_die(msg, std::forward<F>(f));
-}
-
 int shell_l(const Shell& s) { return kAngular[s.type]; }
 // Contractions in the block: type 3 is one contraction of s, x, y, z.
 int block_ncontr(const Shell& s) { return s.type == 3 ? 1 : s.ngc; }
@@ -135,7 +130,7 @@ std::size_t pair_block(const Shell& A, const Shell& B) {
 void ov_intc(int n) {
     const std::size_t nn = static_cast<std::size_t>(std::max(n, 1));
     if (g_ov.block.size() >= nn * nn && g_ov.ca.size() >= nn) return;
-    grow("Overlap ov_intc: array allocation failed.", [&] {
+    common::alloc_or_die("Overlap ov_intc: array allocation failed.", [&] {
         if (g_ov.block.size() < nn * nn) g_ov.block.resize(nn * nn);
         if (g_ov.ca.size() < nn) g_ov.ca.resize(nn);
         if (g_ov.cb.size() < nn) g_ov.cb.resize(nn);
@@ -145,18 +140,18 @@ void ov_intc(int n) {
 void ov_intp(int n) {
     const std::size_t nn = static_cast<std::size_t>(std::max(n, 1));
     if (g_ov.prim.size() >= nn * nn) return;
-    grow("Overlap ov_intp: array allocation failed.", [&] { g_ov.prim.resize(nn * nn); });
+    common::alloc_or_die("Overlap ov_intp: array allocation failed.", [&] { g_ov.prim.resize(nn * nn); });
 }
 
 void ov_pow(int n) {
     const std::size_t need = static_cast<std::size_t>(std::max(n, 1)) + 1;
-    if (g_ov.pw.size() < need) grow("Overlap ov_pow: array allocation failed.", [&] { g_ov.pw.resize(need); });
+    if (g_ov.pw.size() < need) common::alloc_or_die("Overlap ov_pow: array allocation failed.", [&] { g_ov.pw.resize(need); });
     elepot::dfact_grow(2 * static_cast<int>(need) - 1);
 }
 
 void ov_fjtab(int l) {
     if (l <= g_ov.fj_l) return;
-    grow("Overlap ov_fjtab: partial sum array allocation failed.", [&] {
+    common::alloc_or_die("Overlap ov_fjtab: partial sum array allocation failed.", [&] {
         const std::size_t n = static_cast<std::size_t>(l + 1) * (l + 1);
         g_ov.sx.resize(n);
         g_ov.sy.resize(n);
