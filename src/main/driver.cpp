@@ -154,8 +154,6 @@ bool reuse_existing(const std::string& name, std::uint32_t s) {
     return true;
 }
 
-const OrbitalSet* set_ptr(const std::unique_ptr<OrbitalSet>& s) { return s.get(); }
-
 const double* occ_ptr(const std::optional<std::vector<double>>& occ) { return occ ? occ->data() : nullptr; }
 
 void run_orbital(RunState& st, const Request& rq, int flag, const OrbitalSet* set, const char* word,
@@ -208,8 +206,8 @@ void run_partial(RunState& st, Request& rq, bool spin) {
         return;
     }
     const Molecule& mol = *st.mol;
-    const OrbitalSet* aset = type == 1 ? set_ptr(mol.alpha) : type == 2 ? set_ptr(mol.localized) : set_ptr(mol.natural);
-    const OrbitalSet* bset = type == 1 ? set_ptr(mol.beta) : type == 2 ? set_ptr(mol.localized_beta) : nullptr;
+    const OrbitalSet* aset = type == 1 ? mol.alpha.get() : type == 2 ? mol.localized.get() : mol.natural.get();
+    const OrbitalSet* bset = type == 1 ? mol.beta.get() : type == 2 ? mol.localized_beta.get() : nullptr;
     // An empty list argument means the occupied orbitals.
     auto occa = select_mos(mol, rq.arg2[0] ? rq.arg2 : nullptr, type, 0);
     std::optional<std::vector<double>> occb;
@@ -260,19 +258,19 @@ void execute(RunState& st, Request& rq) {
     if (w == "-ep") return run_potential(st);
     if (w == "-chelp") return run_chelp(st);
     if (w == "-moa")
-        return run_orbital(st, rq, DataFlags::kAlpha, set_ptr(mol.alpha), "moa",
+        return run_orbital(st, rq, DataFlags::kAlpha, mol.alpha.get(), "moa",
                            "Alpha MOs not available for current molecule");
     if (w == "-mob")
-        return run_orbital(st, rq, DataFlags::kBeta, set_ptr(mol.beta), "mob",
+        return run_orbital(st, rq, DataFlags::kBeta, mol.beta.get(), "mob",
                            "Beta MOs not available for current molecule");
     if (w == "-loa")
-        return run_orbital(st, rq, DataFlags::kLocalized, set_ptr(mol.localized), "loa",
+        return run_orbital(st, rq, DataFlags::kLocalized, mol.localized.get(), "loa",
                            "Localized Alpha MOs not available for current molecule");
     if (w == "-lob")
-        return run_orbital(st, rq, DataFlags::kLocalizedBeta, set_ptr(mol.localized_beta), "lob",
+        return run_orbital(st, rq, DataFlags::kLocalizedBeta, mol.localized_beta.get(), "lob",
                            "Localized Beta MOs not available for current molecule");
     if (w == "-nos")
-        return run_orbital(st, rq, DataFlags::kNatural, set_ptr(mol.natural), "nos",
+        return run_orbital(st, rq, DataFlags::kNatural, mol.natural.get(), "nos",
                            "Natural Orbitals not available for current molecule");
     if (w == "-den" || w == "-spin") {
         const bool spin = w == "-spin";
@@ -284,25 +282,21 @@ void execute(RunState& st, Request& rq) {
         std::optional<std::vector<double>> occa, occb;
         if (st.flags[DataFlags::kAlpha]) occa = select_mos(mol, nullptr, 1, 0);
         if (st.flags[DataFlags::kBeta]) occb = select_mos(mol, nullptr, -1, spin ? 1 : 0);
-        return run_density(st, spin ? "spin" : "den", set_ptr(mol.alpha), occa, set_ptr(mol.beta), occb, true);
+        return run_density(st, spin ? "spin" : "den", mol.alpha.get(), occa, mol.beta.get(), occb, true);
     }
-    if (w == "-dena") {
-        if (!st.flags[DataFlags::kAlpha]) {
-            std::puts("Alpha density not available for current molecule");
+    if (w == "-dena" || w == "-denb") {
+        const bool beta = w == "-denb";
+        if (!st.flags[beta ? DataFlags::kBeta : DataFlags::kAlpha]) {
+            std::puts(beta ? "Beta density not available for current molecule"
+                           : "Alpha density not available for current molecule");
             return;
         }
-        auto occa = select_mos(mol, nullptr, 1, 0);
-        std::optional<std::vector<double>> none;
-        return run_density(st, "dena", set_ptr(mol.alpha), occa, nullptr, none, true);
-    }
-    if (w == "-denb") {
-        if (!st.flags[DataFlags::kBeta]) {
-            std::puts("Beta density not available for current molecule");
-            return;
-        }
-        auto occb = select_mos(mol, nullptr, -1, 0);
-        std::optional<std::vector<double>> none;
-        return run_density(st, "denb", nullptr, none, set_ptr(mol.beta), occb, true);
+        std::optional<std::vector<double>> occa, occb;
+        if (beta)
+            occb = select_mos(mol, nullptr, -1, 0);
+        else
+            occa = select_mos(mol, nullptr, 1, 0);
+        return run_density(st, beta ? "denb" : "dena", mol.alpha.get(), occa, mol.beta.get(), occb, true);
     }
     if (w == "-partd") return run_partial(st, rq, false);
     if (w == "-parts") return run_partial(st, rq, true);
