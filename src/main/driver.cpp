@@ -257,21 +257,24 @@ void execute(RunState& st, Request& rq) {
     const std::string w = rq.name;
     if (w == "-ep") return run_potential(st);
     if (w == "-chelp") return run_chelp(st);
-    if (w == "-moa")
-        return run_orbital(st, rq, DataFlags::kAlpha, mol.alpha.get(), "moa",
-                           "Alpha MOs not available for current molecule");
-    if (w == "-mob")
-        return run_orbital(st, rq, DataFlags::kBeta, mol.beta.get(), "mob",
-                           "Beta MOs not available for current molecule");
-    if (w == "-loa")
-        return run_orbital(st, rq, DataFlags::kLocalized, mol.localized.get(), "loa",
-                           "Localized Alpha MOs not available for current molecule");
-    if (w == "-lob")
-        return run_orbital(st, rq, DataFlags::kLocalizedBeta, mol.localized_beta.get(), "lob",
-                           "Localized Beta MOs not available for current molecule");
-    if (w == "-nos")
-        return run_orbital(st, rq, DataFlags::kNatural, mol.natural.get(), "nos",
-                           "Natural Orbitals not available for current molecule");
+    // Orbital requests: word, availability flag, orbital set, message.
+    struct OrbitalRequest {
+        const char* word;
+        int flag;
+        std::unique_ptr<OrbitalSet> Molecule::*set;
+        const char* missing;
+    };
+    static const OrbitalRequest kOrbitalRequests[] = {
+        {"moa", DataFlags::kAlpha, &Molecule::alpha, "Alpha MOs not available for current molecule"},
+        {"mob", DataFlags::kBeta, &Molecule::beta, "Beta MOs not available for current molecule"},
+        {"loa", DataFlags::kLocalized, &Molecule::localized, "Localized Alpha MOs not available for current molecule"},
+        {"lob", DataFlags::kLocalizedBeta, &Molecule::localized_beta,
+         "Localized Beta MOs not available for current molecule"},
+        {"nos", DataFlags::kNatural, &Molecule::natural, "Natural Orbitals not available for current molecule"},
+    };
+    for (const OrbitalRequest& o : kOrbitalRequests)
+        if (w.compare(1, std::string::npos, o.word) == 0)
+            return run_orbital(st, rq, o.flag, (mol.*o.set).get(), o.word, o.missing);
     if (w == "-den" || w == "-spin") {
         const bool spin = w == "-spin";
         if (!st.flags[DataFlags::kOccupied]) {
