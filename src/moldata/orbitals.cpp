@@ -70,6 +70,24 @@ std::unique_ptr<OrbitalSet> read_binary_orbitals(const std::string& path, int nb
     return set;
 }
 
+bool write_binary_orbitals(const std::string& path, const OrbitalSet& set) {
+    std::FILE* f = std::fopen(path.c_str(), "wb");
+    if (!f) return false;
+    bool ok = true;
+    // A record is its bytes framed by their count (4 bytes) on both sides.
+    auto record = [&](const void* data, std::size_t bytes) {
+        const auto frame = static_cast<std::uint32_t>(bytes);
+        ok = ok && std::fwrite(&frame, 4, 1, f) == 1 && (bytes == 0 || std::fwrite(data, bytes, 1, f) == 1) &&
+             std::fwrite(&frame, 4, 1, f) == 1;
+    };
+    const std::int32_t head[2] = {set.count, set.valid};
+    record(head, sizeof head);
+    record(set.coef.data.data(), static_cast<std::size_t>(set.count) * set.coef.cols * sizeof(double));
+    if (set.has_energy && set.energy.size() == static_cast<std::size_t>(set.count))
+        record(set.energy.data(), set.energy.size() * sizeof(double));
+    return std::fclose(f) == 0 && ok;
+}
+
 namespace {
 
 constexpr int kKvmLine = 500;

@@ -16,6 +16,10 @@ namespace kvx::moldata {
 // energies. Null when the file is absent or its header incomplete.
 std::unique_ptr<OrbitalSet> read_binary_orbitals(const std::string& path, int nbasis, int intsize);
 
+// Writes a set in the binary layout read above (int32 header, energies
+// when the set has them). False when the file cannot be written completely.
+bool write_binary_orbitals(const std::string& path, const OrbitalSet& set);
+
 // Text set from the section of the one-file ".kvm" file (jobname + ".kvm")
 // whose line contains `section`. Orbital headers hold "eigenvalue=" and
 // "ncoefs="; orbitals may come in any order and land in the row of their

@@ -1,0 +1,529 @@
+#include "import/convert.h"
+
+#include <stdlib.h>  // mkdtemp
+#include <unistd.h>
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <cstdio>
+#include <filesystem>
+#include <numeric>
+
+#include "import/harmonics.h"
+#include "moldata/basis.h"
+#include "moldata/orbitals.h"
+#include "moldata/reader.h"
+#include "moldata/spherical.h"
+#include "moldata/symbols.h"
+
+namespace kvx::import {
+
+namespace fs = std::filesystem;
+
+int kalvex_type(const SourceShell& s) {
+    if (s.sp) return 3;
+    switch (s.l) {
+        case 0: return 1;
+        case 1: return 2;
+        case 2: return s.pure ? 4 : 5;
+        case 3: return 7;
+        case 4: return 8;
+        case 5: return 9;
+        case 6: return 10;
+        default:
+            throw ImportError("shells of angular momentum " + std::to_string(s.l) + " are not supported (at most i, l = 6)",
+                              0);
+    }
+}
+
+int shell_monomials(const SourceShell& s) { return s.sp ? 4 : cart_count(s.l); }
+
+std::vector<double> source_functions(const SourceShell& s, const CartesianConvention& conv, CartesianNorm norm) {
+    const int nm = shell_monomials(s);
+    const int nf = s.nfunc();
+    std::vector<double> T(static_cast<std::size_t>(nf) * nm, 0.0);
+    if (s.sp) {  // s, px, py, pz: each normalised already
+        for (int k = 0; k < 4; ++k) T[static_cast<std::size_t>(k) * nm + k] = 1.0;
+        return T;
+    }
+    if (s.pure && s.l >= 2) return solid_harmonics(s.l);
+    if (s.l >= static_cast<int>(conv.order.size()) || conv.order[static_cast<std::size_t>(s.l)].empty())
+        throw ImportError("cartesian shells of angular momentum " + std::to_string(s.l) +
+                              " have no defined component order in this format",
+                          0);
+    const auto& order = conv.order[static_cast<std::size_t>(s.l)];
+    const moldata::CartExp axis{s.l, 0, 0};
+    for (int m = 0; m < nf; ++m) {
+        const int c = cart_index(order[static_cast<std::size_t>(m)]);
+        const moldata::CartExp e = order[static_cast<std::size_t>(m)];
+        const double self = monomial_overlap(norm == CartesianNorm::EachFunction ? e : axis,
+                                             norm == CartesianNorm::EachFunction ? e : axis);
+        T[static_cast<std::size_t>(m) * nm + c] = 1.0 / std::sqrt(self);
+    }
+    return T;
+}
+
+std::vector<double> kalvex_functions(int type) {
+    const int l = moldata::kAngular[type];
+    const int nm = type == 3 ? 4 : cart_count(l);
+    const int nk = moldata::kShellSize[type];
+    std::vector<double> K(static_cast<std::size_t>(nk) * nm, 0.0);
+    // A component carries F a^(l/2) where a normalised x^c R would carry
+    // 2^l a^(l/2) (s and p: F = 2^l), so it is F / 2^l times x^c R.
+    const double scale = type == 3 ? 1.0 : moldata::kNormF[type] / std::ldexp(1.0, l);
+    std::vector<double> unit(static_cast<std::size_t>(nm)), row(static_cast<std::size_t>(nk));
+    for (int c = 0; c < nm; ++c) {
+        std::fill(unit.begin(), unit.end(), 0.0);
+        unit[static_cast<std::size_t>(c)] = 1.0;
+        moldata::spherical_combine(type, unit.data(), row.data());
+        for (int k = 0; k < nk; ++k) K[static_cast<std::size_t>(k) * nm + c] = scale * row[static_cast<std::size_t>(k)];
+    }
+    return K;
+}
+
+std::vector<double> coefficient_map(const std::vector<double>& T, int nsrc, const std::vector<double>& K, int nk,
+                                    int nmono) {
+    // M = T K^T (K K^T)^-1, by Gauss-Jordan elimination on [K K^T | (T K^T)^T].
+    std::vector<double> A(static_cast<std::size_t>(nk) * nk), B(static_cast<std::size_t>(nk) * nsrc);
+    for (int i = 0; i < nk; ++i)
+        for (int j = 0; j < nk; ++j) {
+            double s = 0;
+            for (int c = 0; c < nmono; ++c) s += K[static_cast<std::size_t>(i) * nmono + c] * K[static_cast<std::size_t>(j) * nmono + c];
+            A[static_cast<std::size_t>(i) * nk + j] = s;
+        }
+    for (int i = 0; i < nk; ++i)
+        for (int m = 0; m < nsrc; ++m) {
+            double s = 0;
+            for (int c = 0; c < nmono; ++c) s += K[static_cast<std::size_t>(i) * nmono + c] * T[static_cast<std::size_t>(m) * nmono + c];
+            B[static_cast<std::size_t>(i) * nsrc + m] = s;
+        }
+    for (int p = 0; p < nk; ++p) {
+        int piv = p;
+        for (int r = p + 1; r < nk; ++r)
+            if (std::fabs(A[static_cast<std::size_t>(r) * nk + p]) > std::fabs(A[static_cast<std::size_t>(piv) * nk + p])) piv = r;
+        if (std::fabs(A[static_cast<std::size_t>(piv) * nk + p]) < 1e-300) throw ImportError("singular shell transformation", 0);
+        for (int j = 0; j < nk; ++j) std::swap(A[static_cast<std::size_t>(p) * nk + j], A[static_cast<std::size_t>(piv) * nk + j]);
+        for (int j = 0; j < nsrc; ++j) std::swap(B[static_cast<std::size_t>(p) * nsrc + j], B[static_cast<std::size_t>(piv) * nsrc + j]);
+        const double d = A[static_cast<std::size_t>(p) * nk + p];
+        for (int r = 0; r < nk; ++r) {
+            if (r == p) continue;
+            const double f = A[static_cast<std::size_t>(r) * nk + p] / d;
+            if (f == 0) continue;
+            for (int j = 0; j < nk; ++j) A[static_cast<std::size_t>(r) * nk + j] -= f * A[static_cast<std::size_t>(p) * nk + j];
+            for (int j = 0; j < nsrc; ++j) B[static_cast<std::size_t>(r) * nsrc + j] -= f * B[static_cast<std::size_t>(p) * nsrc + j];
+        }
+    }
+    std::vector<double> M(static_cast<std::size_t>(nsrc) * nk);
+    for (int m = 0; m < nsrc; ++m)
+        for (int k = 0; k < nk; ++k)
+            M[static_cast<std::size_t>(m) * nk + k] = B[static_cast<std::size_t>(k) * nsrc + m] / A[static_cast<std::size_t>(k) * nk + k];
+    // T must be reproduced exactly: the Kalvex functions span the source's.
+    for (int m = 0; m < nsrc; ++m)
+        for (int c = 0; c < nmono; ++c) {
+            double s = 0;
+            for (int k = 0; k < nk; ++k) s += M[static_cast<std::size_t>(m) * nk + k] * K[static_cast<std::size_t>(k) * nmono + c];
+            if (std::fabs(s - T[static_cast<std::size_t>(m) * nmono + c]) > 1e-12 * (1 + std::fabs(T[static_cast<std::size_t>(m) * nmono + c])))
+                throw ImportError("the source functions of a shell are not spanned by Kalvex's", 0);
+        }
+    return M;
+}
+
+namespace {
+
+// One Kalvex shell: a source shell placed on one atom.
+struct TargetShell {
+    int atom = 0;
+    int source = 0;  // index into SourceJob::shells
+    int type = 0;
+    int first = 0;   // 0-based first Kalvex function after the reader's sort
+    bool placed = false;
+};
+
+struct Occupations {
+    std::vector<SourceOrbital> alpha, beta;  // occupied first
+    int nalpha = 0, nbeta = 0;
+    bool restricted = true, restricted_open = false;
+};
+
+bool near(double x, double v) { return std::fabs(x - v) < 1e-6; }
+
+// Occupied orbitals first (stable), counts and the kind of job.
+Occupations sort_occupations(const SourceJob& job) {
+    Occupations o;
+    auto by_occupation = [](std::vector<SourceOrbital> v) {
+        std::stable_sort(v.begin(), v.end(),
+                         [](const SourceOrbital& a, const SourceOrbital& b) { return a.occupation > b.occupation + 1e-6; });
+        return v;
+    };
+    auto count = [](const std::vector<SourceOrbital>& v, double occ) {
+        return static_cast<int>(std::count_if(v.begin(), v.end(), [&](const SourceOrbital& s) { return near(s.occupation, occ); }));
+    };
+    if (!job.beta.empty()) {
+        for (const auto* set : {&job.alpha, &job.beta})
+            for (const auto& orb : *set)
+                if (!near(orb.occupation, 0) && !near(orb.occupation, 1))
+                    throw ImportError("unrestricted orbitals need occupations 0 or 1, found " + std::to_string(orb.occupation), 0);
+        o.alpha = by_occupation(job.alpha);
+        o.beta = by_occupation(job.beta);
+        o.nalpha = count(job.alpha, 1);
+        o.nbeta = count(job.beta, 1);
+        o.restricted = false;
+        return o;
+    }
+    for (const auto& orb : job.alpha)
+        if (!near(orb.occupation, 0) && !near(orb.occupation, 1) && !near(orb.occupation, 2))
+            throw ImportError("orbital occupations must be 0, 1 or 2 (natural orbitals cannot be imported), found " +
+                                  std::to_string(orb.occupation),
+                              0);
+    o.alpha = by_occupation(job.alpha);
+    const int n2 = count(job.alpha, 2), n1 = count(job.alpha, 1);
+    if (n1 == 0) {  // closed shell: one set, nbeta 0 marks it restricted
+        o.nalpha = n2;
+        return o;
+    }
+    o.nalpha = n2 + n1;
+    o.nbeta = n2;
+    o.restricted = false;
+    o.restricted_open = true;
+    o.beta = o.alpha;
+    return o;
+}
+
+// Element labels; a second basis on atoms of one element gets "H_a", "H_b", ...
+// (digits cannot tell labels apart: the reader drops them when matching).
+std::vector<std::string> atom_labels(const SourceJob& job, const std::vector<std::vector<int>>& atom_shells) {
+    auto same_basis = [&](int a, int b) {
+        const auto& sa = atom_shells[static_cast<std::size_t>(a)];
+        const auto& sb = atom_shells[static_cast<std::size_t>(b)];
+        if (sa.size() != sb.size()) return false;
+        for (std::size_t i = 0; i < sa.size(); ++i) {
+            const SourceShell& x = job.shells[static_cast<std::size_t>(sa[i])];
+            const SourceShell& y = job.shells[static_cast<std::size_t>(sb[i])];
+            if (x.l != y.l || x.sp != y.sp || x.pure != y.pure || x.exponents != y.exponents || x.coefs != y.coefs ||
+                x.coefs_p != y.coefs_p)
+                return false;
+        }
+        return true;
+    };
+    const int n = static_cast<int>(job.atoms.size());
+    std::vector<std::string> labels(static_cast<std::size_t>(n));
+    std::vector<int> representative;  // first atom of each label
+    for (int a = 0; a < n; ++a) {
+        const int z = job.atoms[static_cast<std::size_t>(a)].atomic_number;
+        int variants = 0;
+        for (int r : representative) {
+            if (job.atoms[static_cast<std::size_t>(r)].atomic_number != z) continue;
+            if (same_basis(a, r)) {
+                labels[static_cast<std::size_t>(a)] = labels[static_cast<std::size_t>(r)];
+                break;
+            }
+            ++variants;
+        }
+        if (!labels[static_cast<std::size_t>(a)].empty()) continue;
+        std::string sym = z >= 1 && z <= 105 ? moldata::element_symbol(z) : "X";
+        if (variants > 0) {
+            if (sym.size() > 1)
+                throw ImportError("atoms of element " + sym + " carry different basis sets; a Kalvex job has one basis " +
+                                      "per element label, and two-letter symbols cannot take a suffix",
+                                  0);
+            std::string suffix;
+            for (int v = variants - 1;; v = v / 26 - 1) {
+                suffix.insert(suffix.begin(), static_cast<char>('a' + v % 26));
+                if (v < 26) break;
+            }
+            if (suffix.size() > 6) throw ImportError("too many different basis sets on one element", 0);
+            sym += "_" + suffix;
+        }
+        labels[static_cast<std::size_t>(a)] = sym;
+        representative.push_back(a);
+    }
+    return labels;
+}
+
+// Shortest text that reads back as the same double.
+std::string exact(double v) {
+    char buf[64];
+    const auto r = std::to_chars(buf, buf + sizeof buf, v);
+    return std::string(buf, r.ptr);
+}
+
+void write_text(const fs::path& path, const std::string& text) {
+    std::FILE* f = std::fopen(path.c_str(), "w");
+    if (!f) throw ImportError("cannot write " + path.string(), 0);
+    const bool ok = std::fputs(text.c_str(), f) >= 0;
+    if (std::fclose(f) != 0 || !ok) throw ImportError("cannot write " + path.string(), 0);
+}
+
+std::string basis_text(const SourceJob& job, const std::vector<std::string>& labels,
+                       const std::vector<std::vector<int>>& atom_shells, int nbasis, int nshell, int nprim) {
+    static const char* kLabel[] = {"", "s", "p", "l", "d", "d6", "f", "f10", "g15", "h21", "i28"};
+    std::string out = "$nbasis " + std::to_string(nbasis) + "\n$nshell " + std::to_string(nshell) + "\n$nprim " +
+                      std::to_string(nprim) + "\n$basis\n";
+    std::vector<std::string> done;
+    for (std::size_t a = 0; a < labels.size(); ++a) {
+        if (atom_shells[a].empty() || std::find(done.begin(), done.end(), labels[a]) != done.end()) continue;
+        done.push_back(labels[a]);
+        out += "for " + labels[a] + "\n";
+        for (int si : atom_shells[a]) {
+            const SourceShell& s = job.shells[static_cast<std::size_t>(si)];
+            out += kLabel[kalvex_type(s)];
+            for (std::size_t p = 0; p < s.exponents.size(); ++p) {
+                out += (p == 0 ? " " : "  ") + exact(s.exponents[p]) + " " + exact(s.coefs[p]);
+                if (s.sp) out += " " + exact(s.coefs_p[p]);
+                out += "\n";
+            }
+        }
+    }
+    return out + "$end\n";
+}
+
+// Largest |C S C^T - I| over the first `rows` rows of C (n columns).
+double orthonormality_error(const moldata::TriMatrix& S, const std::vector<double>& C, int rows, int n) {
+    std::vector<double> sc(static_cast<std::size_t>(rows) * n, 0.0);
+    for (int r = 0; r < rows; ++r) {
+        const double* c = C.data() + static_cast<std::size_t>(r) * n;
+        double* o = sc.data() + static_cast<std::size_t>(r) * n;
+        for (int i = 0; i < n; ++i) {
+            const double* si = S.row(i);
+            for (int j = 0; j < i; ++j) {
+                o[i] += si[j] * c[j];
+                o[j] += si[j] * c[i];
+            }
+            o[i] += si[i] * c[i];
+        }
+    }
+    double worst = 0;
+    for (int r = 0; r < rows; ++r)
+        for (int q = 0; q <= r; ++q) {
+            double d = 0;
+            const double* c = C.data() + static_cast<std::size_t>(q) * n;
+            const double* o = sc.data() + static_cast<std::size_t>(r) * n;
+            for (int i = 0; i < n; ++i) d += c[i] * o[i];
+            worst = std::max(worst, std::fabs(d - (r == q ? 1.0 : 0.0)));
+        }
+    return worst;
+}
+
+// Scratch folder beside the job, removed with everything in it.
+struct Scratch {
+    fs::path dir;
+    explicit Scratch(const fs::path& parent) {
+        std::string tmpl = (parent / ".kalvex-import-XXXXXX").string();
+        if (!mkdtemp(tmpl.data())) throw ImportError("cannot create a scratch folder in " + parent.string(), 0);
+        dir = tmpl;
+    }
+    ~Scratch() {
+        std::error_code ec;
+        fs::remove_all(dir, ec);
+    }
+};
+
+}  // namespace
+
+ImportReport write_kalvex_job(const SourceJob& job, const std::string& jobname, const std::string& source_name) {
+    const int natoms = static_cast<int>(job.atoms.size());
+    if (natoms == 0) throw ImportError("the file holds no atoms", 0);
+    if (job.alpha.empty()) throw ImportError("the file holds no orbitals", 0);
+
+    std::vector<std::vector<int>> atom_shells(static_cast<std::size_t>(natoms));
+    std::vector<int> source_first(job.shells.size());
+    int nsource = 0;
+    bool has_cartesian = false;
+    for (std::size_t i = 0; i < job.shells.size(); ++i) {
+        const SourceShell& s = job.shells[i];
+        if (s.atom < 0 || s.atom >= natoms) throw ImportError("a shell sits on atom " + std::to_string(s.atom + 1) + ", which does not exist", 0);
+        kalvex_type(s);
+        atom_shells[static_cast<std::size_t>(s.atom)].push_back(static_cast<int>(i));
+        source_first[i] = nsource;
+        nsource += s.nfunc();
+        has_cartesian = has_cartesian || (!s.pure && !s.sp && s.l >= 2);
+    }
+    if (nsource != job.nbasis)
+        throw ImportError("the shells give " + std::to_string(nsource) + " basis functions, the orbitals " +
+                              std::to_string(job.nbasis),
+                          0);
+    for (const auto* set : {&job.alpha, &job.beta})
+        for (const auto& orb : *set)
+            if (static_cast<int>(orb.coef.size()) != job.nbasis) throw ImportError("an orbital has the wrong number of coefficients", 0);
+
+    const Occupations occ = sort_occupations(job);
+    const std::vector<std::string> labels = atom_labels(job, atom_shells);
+
+    // Kalvex shells, atom by atom.
+    std::vector<TargetShell> targets;
+    int nbasis = 0, nprim = 0;
+    for (int a = 0; a < natoms; ++a)
+        for (int si : atom_shells[static_cast<std::size_t>(a)]) {
+            const int type = kalvex_type(job.shells[static_cast<std::size_t>(si)]);
+            targets.push_back({a, si, type, 0, false});
+            nbasis += moldata::kShellSize[type];
+            nprim += static_cast<int>(job.shells[static_cast<std::size_t>(si)].exponents.size());
+        }
+    if (targets.empty()) throw ImportError("the file holds no basis functions", 0);
+    if (nbasis > moldata::kMaxBasisFunctions)
+        throw ImportError("the job needs " + std::to_string(nbasis) + " Kalvex basis functions, more than the " +
+                              std::to_string(moldata::kMaxBasisFunctions) + " Kalvex reads",
+                          0);
+
+    int electrons = occ.restricted && !occ.restricted_open ? 2 * occ.nalpha : occ.nalpha + occ.nbeta;
+    double nuclear = 0;
+    for (const auto& at : job.atoms) nuclear += at.nuclear_charge;
+    ImportReport rep;
+    rep.natoms = natoms;
+    rep.nshells = static_cast<int>(targets.size());
+    rep.nbasis = nbasis;
+    rep.nbasis_source = job.nbasis;
+    rep.nalpha = occ.nalpha;
+    rep.nbeta = occ.restricted && !occ.restricted_open ? occ.nalpha : occ.nbeta;
+    rep.charge = static_cast<int>(std::lround(nuclear)) - electrons;
+    rep.multiplicity = occ.restricted && !occ.restricted_open ? 1 : std::abs(occ.nalpha - occ.nbeta) + 1;
+    if (job.multiplicity && !occ.restricted) rep.multiplicity = *job.multiplicity;
+    rep.restricted = occ.restricted;
+    rep.restricted_open = occ.restricted_open;
+    rep.has_cartesian = has_cartesian;
+    rep.norb_alpha = static_cast<int>(occ.alpha.size());
+    rep.norb_beta = static_cast<int>(occ.beta.size());
+    if (job.nalpha && *job.nalpha != rep.nalpha)
+        throw ImportError("the file counts " + std::to_string(*job.nalpha) + " alpha electrons, its orbitals " +
+                              std::to_string(rep.nalpha),
+                          0);
+    if (job.nbeta && *job.nbeta != rep.nbeta)
+        throw ImportError("the file counts " + std::to_string(*job.nbeta) + " beta electrons, its orbitals " +
+                              std::to_string(rep.nbeta),
+                          0);
+
+    const fs::path dest(jobname);
+    const fs::path parent = dest.has_parent_path() ? dest.parent_path() : fs::path(".");
+    const std::string stem = dest.filename().string();
+    if (stem.empty()) throw ImportError("the job name " + jobname + " names a folder, not a job", 0);
+    Scratch scratch(parent);
+    const std::string tmpjob = (scratch.dir / stem).string();
+
+    // Counts, atoms and basis; read back to learn the reader's shell order.
+    std::string title = source_name;
+    std::replace(title.begin(), title.end(), '$', '_');
+    write_text(tmpjob + ".control", "$title imported from " + title + " (" + job.format + ")\n$nmol 1\n$natoms " +
+                                        std::to_string(natoms) + "\n$charge " + std::to_string(rep.charge) +
+                                        "\n$multiplicity " + std::to_string(rep.multiplicity) + "\n$nalpha " +
+                                        std::to_string(occ.nalpha) + "\n$nbeta " + std::to_string(occ.nbeta) + "\n$end\n");
+    std::string coord = "$coordinates\n";
+    for (int a = 0; a < natoms; ++a) {
+        const SourceAtom& at = job.atoms[static_cast<std::size_t>(a)];
+        char line[200];
+        std::snprintf(line, sizeof line, "%-8s %22.15f %22.15f %22.15f %8.3f %8.3f\n", labels[static_cast<std::size_t>(a)].c_str(),
+                      at.x, at.y, at.z, at.nuclear_charge, 0.0);
+        coord += line;
+    }
+    write_text(tmpjob + ".coord", coord + "$end\n");
+    write_text(tmpjob + ".basis", basis_text(job, labels, atom_shells, nbasis, rep.nshells, nprim));
+
+    auto shells_only = moldata::build_molecule(tmpjob);
+    if (!shells_only || !shells_only->has_shells() || shells_only->nbasis != nbasis || !shells_only->overlap)
+        throw ImportError("Kalvex cannot read back the basis written for this job", 0);
+    const moldata::Molecule& km = *shells_only;
+    for (const moldata::Shell& ks : km.shells) {
+        const int a = static_cast<int>(ks.center - km.atoms.data());
+        auto it = std::find_if(targets.begin(), targets.end(), [&](const TargetShell& t) {
+            if (t.placed || t.atom != a || t.type != ks.type) return false;
+            const auto& e = job.shells[static_cast<std::size_t>(t.source)].exponents;
+            if (static_cast<int>(e.size()) != ks.nprim) return false;
+            for (int p = 0; p < ks.nprim; ++p)
+                if (e[static_cast<std::size_t>(p)] != ks.exponent(p)) return false;
+            return true;
+        });
+        if (it == targets.end()) throw ImportError("the basis read back does not match the basis written", 0);
+        it->placed = true;
+        it->first = ks.nfirst - 1;
+    }
+
+    // Orbitals over Kalvex's functions, for one normalisation of cartesian shells.
+    auto transform = [&](const std::vector<SourceOrbital>& set, CartesianNorm norm) {
+        std::vector<double> C(set.size() * static_cast<std::size_t>(nbasis), 0.0);
+        for (const TargetShell& t : targets) {
+            const SourceShell& s = job.shells[static_cast<std::size_t>(t.source)];
+            const int nm = shell_monomials(s), nf = s.nfunc(), nk = moldata::kShellSize[t.type];
+            const std::vector<double> M = coefficient_map(source_functions(s, job.cartesian, norm), nf,
+                                                          kalvex_functions(t.type), nk, nm);
+            const int src0 = source_first[static_cast<std::size_t>(t.source)];
+            for (std::size_t o = 0; o < set.size(); ++o) {
+                double* out = C.data() + o * nbasis + t.first;
+                const double* in = set[o].coef.data() + src0;
+                for (int m = 0; m < nf; ++m)
+                    for (int k = 0; k < nk; ++k) out[k] += in[m] * M[static_cast<std::size_t>(m) * nk + k];
+            }
+        }
+        return C;
+    };
+    const std::vector<CartesianNorm> norms = has_cartesian
+                                                 ? std::vector<CartesianNorm>{CartesianNorm::EachFunction, CartesianNorm::LikeAxis}
+                                                 : std::vector<CartesianNorm>{CartesianNorm::EachFunction};
+    constexpr double kTolerance = 1e-6;
+    std::vector<double> Ca, Cb;
+    double best = HUGE_VAL;
+    for (CartesianNorm norm : norms) {
+        std::vector<double> a = transform(occ.alpha, norm), b = transform(occ.beta, norm);
+        const double err = std::max(orthonormality_error(*km.overlap, a, occ.nalpha, nbasis),
+                                    orthonormality_error(*km.overlap, b, occ.nbeta, nbasis));
+        if (err < best) {
+            best = err;
+            Ca = std::move(a);
+            Cb = std::move(b);
+            rep.cartesian_like_axis = norm == CartesianNorm::LikeAxis;
+        }
+        if (err <= kTolerance) break;
+    }
+    if (!(best <= kTolerance)) {
+        char buf[64];
+        std::snprintf(buf, sizeof buf, "%.1e", best);
+        throw ImportError(std::string("the occupied orbitals are not orthonormal in the basis Kalvex reads (largest |C S C^T - I| ") +
+                              buf + ", tolerance 1e-6); refusing to write wrong orbitals",
+                          0);
+    }
+
+    auto orbital_set = [&](const std::vector<SourceOrbital>& set, std::vector<double>& C) {
+        moldata::OrbitalSet os;
+        os.count = static_cast<int>(set.size());
+        os.valid = 1;
+        os.coef.rows = os.count;
+        os.coef.cols = nbasis;
+        os.coef.data = std::move(C);
+        for (const auto& o : set) os.energy.push_back(o.energy);
+        os.has_energy = true;
+        return os;
+    };
+    std::vector<std::string> exts = {".control", ".coord", ".basis", ".mos"};
+    if (!moldata::write_binary_orbitals(tmpjob + ".mos", orbital_set(occ.alpha, Ca)))
+        throw ImportError("cannot write " + tmpjob + ".mos", 0);
+    if (!occ.restricted) {
+        if (!moldata::write_binary_orbitals(tmpjob + ".mob", orbital_set(occ.beta, Cb)))
+            throw ImportError("cannot write " + tmpjob + ".mob", 0);
+        exts.push_back(".mob");
+    }
+
+    // The whole job as kalvex will read it.
+    auto full = moldata::build_molecule(tmpjob);
+    if (!full || !full->flags || !(*full->flags)[moldata::DataFlags::kAlpha] ||
+        (!occ.restricted && !(*full->flags)[moldata::DataFlags::kBeta]) || !full->overlap)
+        throw ImportError("Kalvex cannot read back the job written", 0);
+    rep.orthonormality = orthonormality_error(*full->overlap, full->alpha->coef.data, occ.nalpha, nbasis);
+    if (full->beta)
+        rep.orthonormality = std::max(rep.orthonormality,
+                                      orthonormality_error(*full->overlap, full->beta->coef.data, occ.nbeta, nbasis));
+    if (!(rep.orthonormality <= kTolerance)) throw ImportError("the orbitals read back are not orthonormal", 0);
+
+    for (const std::string& e : exts) {
+        std::error_code ec;
+        fs::rename(tmpjob + e, jobname + e, ec);
+        if (ec) throw ImportError("cannot move " + jobname + e + " into place: " + ec.message(), 0);
+        rep.written.push_back(jobname + e);
+    }
+    for (const char* e : {".mob", ".los", ".loc", ".nos", ".sym"}) {
+        if (std::find(exts.begin(), exts.end(), e) != exts.end()) continue;
+        std::error_code ec;
+        if (fs::exists(jobname + e, ec) && fs::remove(jobname + e, ec)) rep.removed.push_back(jobname + e);
+    }
+    return rep;
+}
+
+}  // namespace kvx::import

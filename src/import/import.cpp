@@ -1,0 +1,82 @@
+#include "import/import.h"
+
+#include <cstdio>
+#include <fstream>
+#include <iterator>
+#include <new>
+#include <sstream>
+
+#include "import/readers.h"
+
+namespace kvx::import {
+
+SourceJob read_source(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) throw ImportError("cannot open the file", 0);
+    std::ostringstream text;
+    text << in.rdbuf();
+    if (in.bad()) throw ImportError("cannot read the file", 0);
+    const std::string s = text.str();
+    if (s.find('\0') != std::string::npos) throw ImportError("binary data: not a Molden or formatted checkpoint file", 0);
+    const std::vector<std::string> lines = split_lines(s);
+    switch (detect_format(lines)) {
+        case SourceFormat::Fchk: return read_fchk(lines);
+        case SourceFormat::Molden: return read_molden(lines);
+        default: throw ImportError("neither a Molden nor a formatted checkpoint file", 1);
+    }
+}
+
+namespace {
+
+void print_report(const std::string& input, const SourceJob& src, const ImportReport& r) {
+    std::printf("kalvex-import: %s (%s)\n", input.c_str(), src.format.c_str());
+    std::printf("  atoms %d, shells %d, basis functions %d (%d in the file)\n", r.natoms, r.nshells, r.nbasis,
+                r.nbasis_source);
+    if (r.restricted)
+        std::printf("  orbitals: %d restricted\n", r.norb_alpha);
+    else if (r.restricted_open)
+        std::printf("  orbitals: %d restricted open-shell, written for both spins\n", r.norb_alpha);
+    else
+        std::printf("  orbitals: %d alpha, %d beta (unrestricted)\n", r.norb_alpha, r.norb_beta);
+    std::printf("  electrons %d (alpha %d, beta %d), charge %d, multiplicity %d\n", r.nalpha + r.nbeta, r.nalpha,
+                r.nbeta, r.charge, r.multiplicity);
+    if (r.has_cartesian)
+        std::printf("  cartesian functions normalised %s\n", r.cartesian_like_axis ? "all like x^l" : "each on its own");
+    std::printf("  occupied orbitals orthonormal in Kalvex's overlap: largest |C S C^T - I| = %.1e\n", r.orthonormality);
+    for (const auto& f : r.removed) std::printf("  removed %s (left from an earlier job of this name)\n", f.c_str());
+    std::printf("  wrote");
+    for (const auto& f : r.written) std::printf(" %s", f.c_str());
+    std::printf("\n");
+}
+
+}  // namespace
+
+int run_import(int argc, char** argv) {
+    if (argc != 3) {
+        std::fprintf(stderr,
+                     "usage: kalvex-import INPUT JOB\n"
+                     "  INPUT: a Molden (.molden) or formatted checkpoint (.fchk) file\n"
+                     "  JOB:   the Kalvex job to write (JOB.control, JOB.coord, JOB.basis, JOB.mos, JOB.mob)\n");
+        return 1;
+    }
+    const std::string input = argv[1], job = argv[2];
+    try {
+        const SourceJob src = read_source(input);
+        const ImportReport r = write_kalvex_job(src, job, input);
+        print_report(input, src, r);
+        std::fflush(stdout);
+        return 0;
+    } catch (const ImportError& e) {
+        if (e.line > 0)
+            std::fprintf(stderr, "kalvex-import: %s, line %d: %s\n", input.c_str(), e.line, e.what());
+        else
+            std::fprintf(stderr, "kalvex-import: %s: %s\n", input.c_str(), e.what());
+    } catch (const std::bad_alloc&) {
+        std::fprintf(stderr, "kalvex-import: %s: out of memory\n", input.c_str());
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "kalvex-import: %s: %s\n", input.c_str(), e.what());
+    }
+    return 1;
+}
+
+}  // namespace kvx::import

@@ -1,0 +1,19 @@
+// Line and number parsing shared by the importers' readers; every failure
+// is an ImportError naming the line.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace kvx::import {
+
+std::string lower(std::string s);
+std::string trim(const std::string& s);
+std::vector<std::string> tokens(const std::string& s);
+
+// A finite real number, as C or Fortran writes it ("1.5D+01" too).
+double number(const std::string& tok, int line, const char* what);
+// A decimal integer that fits 32 bits.
+long integer(const std::string& tok, int line, const char* what);
+
+}  // namespace kvx::import
