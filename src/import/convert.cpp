@@ -463,8 +463,8 @@ ImportReport write_kalvex_job(const SourceJob& job, const std::string& jobname, 
     double best = HUGE_VAL;
     for (CartesianNorm norm : norms) {
         std::vector<double> a = transform(occ.alpha, norm), b = transform(occ.beta, norm);
-        const double err = std::max(orthonormality_error(*km.overlap, a, occ.nalpha, nbasis),
-                                    orthonormality_error(*km.overlap, b, occ.nbeta, nbasis));
+        const double err = std::max(orthonormality_error(*km.overlap, a, rep.norb_alpha, nbasis),
+                                    orthonormality_error(*km.overlap, b, rep.norb_beta, nbasis));
         if (err < best) {
             best = err;
             Ca = std::move(a);
@@ -476,8 +476,8 @@ ImportReport write_kalvex_job(const SourceJob& job, const std::string& jobname, 
     if (!(best <= kTolerance)) {
         char buf[64];
         std::snprintf(buf, sizeof buf, "%.1e", best);
-        throw ImportError(std::string("the occupied orbitals are not orthonormal in the basis Kalvex reads (largest |C S C^T - I| ") +
-                              buf + ", tolerance 1e-6); refusing to write wrong orbitals",
+        throw ImportError(std::string("the orbitals are not orthonormal in the basis Kalvex reads (largest |C S C^T - I| ") +
+                              buf + ", tolerance 1e-6): a damaged file or an unknown normalisation; nothing written",
                           0);
     }
 
@@ -506,10 +506,10 @@ ImportReport write_kalvex_job(const SourceJob& job, const std::string& jobname, 
     if (!full || !full->flags || !(*full->flags)[moldata::DataFlags::kAlpha] ||
         (!occ.restricted && !(*full->flags)[moldata::DataFlags::kBeta]) || !full->overlap)
         throw ImportError("Kalvex cannot read back the job written", 0);
-    rep.orthonormality = orthonormality_error(*full->overlap, full->alpha->coef.data, occ.nalpha, nbasis);
+    rep.orthonormality = orthonormality_error(*full->overlap, full->alpha->coef.data, full->alpha->count, nbasis);
     if (full->beta)
         rep.orthonormality = std::max(rep.orthonormality,
-                                      orthonormality_error(*full->overlap, full->beta->coef.data, occ.nbeta, nbasis));
+                                      orthonormality_error(*full->overlap, full->beta->coef.data, full->beta->count, nbasis));
     if (!(rep.orthonormality <= kTolerance)) throw ImportError("the orbitals read back are not orthonormal", 0);
 
     for (const std::string& e : exts) {

@@ -46,14 +46,14 @@ struct ImportReport {
     bool restricted_open = false;  // one orbital set, written for both spins
     bool cartesian_like_axis = false;  // which cartesian normalisation the orbitals matched
     bool has_cartesian = false;
-    double orthonormality = 0;  // largest |C S C^T - I| over occupied orbitals
+    double orthonormality = 0;  // largest |C S C^T - I| over all orbitals
     std::vector<std::string> written, removed;
 };
 
 // Writes JOB.control, .coord, .basis, .mos (and .mob) for the source job.
 // The files are made and checked in a scratch folder beside JOB and moved
-// into place only when Kalvex reads them back with orthonormal occupied
-// orbitals; on any failure nothing is written and ImportError is thrown.
+// into place only when Kalvex reads them back with orthonormal orbitals;
+// on any failure nothing is written and ImportError is thrown.
 // Files of an earlier job of the same name that Kalvex would mix in (.mob,
 // .los, .loc, .nos, .sym) are removed.
 ImportReport write_kalvex_job(const SourceJob& job, const std::string& jobname, const std::string& source_name);
