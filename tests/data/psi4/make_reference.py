@@ -772,19 +772,23 @@ def do_job(job, tmp):
             cols += [phi @ C[s][:, k - 1], (phi * sign) @ C[s][:, k - 1]]
             names += ["%s%d_std" % (s, k), "%s%d_grid" % (s, k)]
     rho = psi4_density(wfn, pts, restricted)
-    def shell_diag(groups):
+    def shell_diag(groups, values):
         out = np.zeros(len(pts))
         for s in (["a", "b"] if not restricted else ["a"]):
             Cocc = C[s][:, :nocc[s]]
             for g in groups:
-                out += ((phi[:, g] @ Cocc[g, :]) ** 2).sum(1) * (2.0 if restricted else 1.0)
+                out += ((values[:, g] @ Cocc[g, :]) ** 2).sum(1) * (2.0 if restricted else 1.0)
         return out
 
-    rho_shell = shell_diag(groups)
-    rho_shell_psi4_shells = shell_diag([list(range(f0, f0 + nf)) for c, l, f0, nf, pure in tab])
+    psi4_shells = [list(range(f0, f0 + nf)) for c, l, f0, nf, pure in tab]
+    rho_shell = shell_diag(groups, phi)
+    rho_shell_psi4_shells = shell_diag(psi4_shells, phi)
+    # With odd-l functions negated only shells mixing l (sp) change: their s-p cross term flips.
+    rho_shell_grid = shell_diag(groups, phi * sign)
+    rho_shell_grid_psi4_shells = shell_diag(psi4_shells, phi * sign)
     esp = psi4_esp(wfn, pts)
-    cols += [rho, rho_shell, esp]
-    names += ["rho", "rho_shell", "esp"]
+    cols += [rho, rho_shell, rho_shell_grid, esp]
+    names += ["rho", "rho_shell", "rho_shell_grid", "esp"]
     table = np.array(cols).T
     col = {n: table[:, i] for i, n in enumerate(names)}
 
@@ -879,6 +883,7 @@ def do_job(job, tmp):
             fh.write("# rho_shell: sum over spins, occupied orbitals and shells of (sum_{mu in shell} C phi)^2%s\n"
                      % (" (an s shell and the p shell with the same exponents count as one sp shell)" if merged
                         else " (psi4's shells)"))
+            fh.write("# rho_shell_grid: rho_shell with every basis function of odd l negated (displacement atom - point)\n")
             fh.write("# esp: nuclear minus electronic electrostatic potential (hartree/e), psi4 ESPPropCalc\n")
             for s in C:
                 fh.write("# %s orbitals: %s (occupied %d%s)\n" % (
@@ -893,6 +898,7 @@ def do_job(job, tmp):
     if job.get("merge_sp"):
         t2 = table.copy()
         t2[:, names.index("rho_shell")] = rho_shell_psi4_shells
+        t2[:, names.index("rho_shell_grid")] = rho_shell_grid_psi4_shells
         write_ref(stem + ".ref", t2, False, "%s.molden, %s.fchk (psi4's split s and p shells)" % (stem, stem))
     info = [("job", name), ("method", method), ("basis", job["basis"]), ("natoms", mol.natom()),
             ("nbasis", nbf), ("nshell", bs.nshell()), ("puream", str(bs.has_puream()).lower()),
