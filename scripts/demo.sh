@@ -1,18 +1,21 @@
 #!/usr/bin/env bash
-# Builds Kalvex (Release) and runs it on the bundled water job: total density,
-# the highest occupied orbital, the electrostatic potential and CHELPG charges.
-# Output files go to out/demo/.
+# Builds Kalvex (Release), imports the bundled psi4 Molden file of water
+# (examples/water) into a Kalvex job and runs Kalvex on it: total density,
+# the highest occupied orbital, the electrostatic potential and CHELPG
+# charges. Output files go to out/demo/.
 set -euo pipefail
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 "$root/scripts/setup.sh"
-KVX_TARGET=kalvex "$root/scripts/build.sh" "$root/build/release" -DCMAKE_BUILD_TYPE=Release
+KVX_TARGET="kalvex kalvex-import" "$root/scripts/build.sh" "$root/build/release" -DCMAKE_BUILD_TYPE=Release
+bin="$root/build/release"
 
 out="$root/out/demo"
 mkdir -p "$out"
-cp "$root"/examples/water/water.* "$out/"
+echo "== kalvex-import examples/water/water.molden $out/water"
+"$bin/kalvex-import" "$root/examples/water/water.molden" "$out/water"
 cd "$out"
 echo "== kalvex water: -den -moa 5 -ep -chelp (files in $out)"
-KVX_SCRDIR="$out" "$root/build/release/kalvex" water -den -moa 5 -ep -chelp </dev/null
+KVX_SCRDIR="$out" "$bin/kalvex" water -den -moa 5 -ep -chelp </dev/null
 if [ -f water.chelp ]; then
     echo "== water.chelp"
     cat water.chelp
