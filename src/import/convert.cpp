@@ -84,46 +84,40 @@ std::vector<double> kalvex_functions(int type) {
 
 std::vector<double> coefficient_map(const std::vector<double>& T, int nsrc, const std::vector<double>& K, int nk,
                                     int nmono) {
-    // M = T K^T (K K^T)^-1, by Gauss-Jordan elimination on [K K^T | (T K^T)^T].
-    std::vector<double> A(static_cast<std::size_t>(nk) * nk), B(static_cast<std::size_t>(nk) * nsrc);
-    for (int i = 0; i < nk; ++i)
-        for (int j = 0; j < nk; ++j) {
-            double s = 0;
-            for (int c = 0; c < nmono; ++c) s += K[static_cast<std::size_t>(i) * nmono + c] * K[static_cast<std::size_t>(j) * nmono + c];
-            A[static_cast<std::size_t>(i) * nk + j] = s;
+    const std::size_t ns = static_cast<std::size_t>(nsrc), n = static_cast<std::size_t>(nk),
+                      nm = static_cast<std::size_t>(nmono);
+    // M^T = (K K^T)^-1 K T^T: Gauss-Jordan elimination on [K K^T | K T^T].
+    std::vector<double> A(n * n, 0.0), B(n * ns, 0.0);
+    for (std::size_t i = 0; i < n; ++i)
+        for (std::size_t c = 0; c < nm; ++c) {
+            for (std::size_t j = 0; j < n; ++j) A[i * n + j] += K[i * nm + c] * K[j * nm + c];
+            for (std::size_t m = 0; m < ns; ++m) B[i * ns + m] += K[i * nm + c] * T[m * nm + c];
         }
-    for (int i = 0; i < nk; ++i)
-        for (int m = 0; m < nsrc; ++m) {
-            double s = 0;
-            for (int c = 0; c < nmono; ++c) s += K[static_cast<std::size_t>(i) * nmono + c] * T[static_cast<std::size_t>(m) * nmono + c];
-            B[static_cast<std::size_t>(i) * nsrc + m] = s;
-        }
-    for (int p = 0; p < nk; ++p) {
-        int piv = p;
-        for (int r = p + 1; r < nk; ++r)
-            if (std::fabs(A[static_cast<std::size_t>(r) * nk + p]) > std::fabs(A[static_cast<std::size_t>(piv) * nk + p])) piv = r;
-        if (std::fabs(A[static_cast<std::size_t>(piv) * nk + p]) < 1e-300) throw ImportError("singular shell transformation", 0);
-        for (int j = 0; j < nk; ++j) std::swap(A[static_cast<std::size_t>(p) * nk + j], A[static_cast<std::size_t>(piv) * nk + j]);
-        for (int j = 0; j < nsrc; ++j) std::swap(B[static_cast<std::size_t>(p) * nsrc + j], B[static_cast<std::size_t>(piv) * nsrc + j]);
-        const double d = A[static_cast<std::size_t>(p) * nk + p];
-        for (int r = 0; r < nk; ++r) {
-            if (r == p) continue;
-            const double f = A[static_cast<std::size_t>(r) * nk + p] / d;
+    for (std::size_t p = 0; p < n; ++p) {
+        std::size_t piv = p;
+        for (std::size_t r = p + 1; r < n; ++r)
+            if (std::fabs(A[r * n + p]) > std::fabs(A[piv * n + p])) piv = r;
+        if (std::fabs(A[piv * n + p]) < 1e-300) throw ImportError("singular shell transformation", 0);
+        std::swap_ranges(A.begin() + static_cast<std::ptrdiff_t>(p * n), A.begin() + static_cast<std::ptrdiff_t>((p + 1) * n),
+                         A.begin() + static_cast<std::ptrdiff_t>(piv * n));
+        std::swap_ranges(B.begin() + static_cast<std::ptrdiff_t>(p * ns), B.begin() + static_cast<std::ptrdiff_t>((p + 1) * ns),
+                         B.begin() + static_cast<std::ptrdiff_t>(piv * ns));
+        for (std::size_t r = 0; r < n; ++r) {
+            const double f = r == p ? 0.0 : A[r * n + p] / A[p * n + p];
             if (f == 0) continue;
-            for (int j = 0; j < nk; ++j) A[static_cast<std::size_t>(r) * nk + j] -= f * A[static_cast<std::size_t>(p) * nk + j];
-            for (int j = 0; j < nsrc; ++j) B[static_cast<std::size_t>(r) * nsrc + j] -= f * B[static_cast<std::size_t>(p) * nsrc + j];
+            for (std::size_t j = 0; j < n; ++j) A[r * n + j] -= f * A[p * n + j];
+            for (std::size_t j = 0; j < ns; ++j) B[r * ns + j] -= f * B[p * ns + j];
         }
     }
-    std::vector<double> M(static_cast<std::size_t>(nsrc) * nk);
-    for (int m = 0; m < nsrc; ++m)
-        for (int k = 0; k < nk; ++k)
-            M[static_cast<std::size_t>(m) * nk + k] = B[static_cast<std::size_t>(k) * nsrc + m] / A[static_cast<std::size_t>(k) * nk + k];
+    std::vector<double> M(ns * n);
+    for (std::size_t m = 0; m < ns; ++m)
+        for (std::size_t k = 0; k < n; ++k) M[m * n + k] = B[k * ns + m] / A[k * n + k];
     // T must be reproduced exactly: the Kalvex functions span the source's.
-    for (int m = 0; m < nsrc; ++m)
-        for (int c = 0; c < nmono; ++c) {
+    for (std::size_t m = 0; m < ns; ++m)
+        for (std::size_t c = 0; c < nm; ++c) {
             double s = 0;
-            for (int k = 0; k < nk; ++k) s += M[static_cast<std::size_t>(m) * nk + k] * K[static_cast<std::size_t>(k) * nmono + c];
-            if (std::fabs(s - T[static_cast<std::size_t>(m) * nmono + c]) > 1e-12 * (1 + std::fabs(T[static_cast<std::size_t>(m) * nmono + c])))
+            for (std::size_t k = 0; k < n; ++k) s += M[m * n + k] * K[k * nm + c];
+            if (std::fabs(s - T[m * nm + c]) > 1e-12 * (1 + std::fabs(T[m * nm + c])))
                 throw ImportError("the source functions of a shell are not spanned by Kalvex's", 0);
         }
     return M;
@@ -255,6 +249,30 @@ void write_text(const fs::path& path, const std::string& text) {
     if (std::fclose(f) != 0 || !ok) throw ImportError("cannot write " + path.string(), 0);
 }
 
+std::string control_text(const SourceJob& job, const std::string& source_name, const ImportReport& rep,
+                         const Occupations& occ) {
+    std::string title = source_name;  // no '$' (keywords) or line end in the title
+    for (char& c : title)
+        if (c == '$' || c == '\n' || c == '\r') c = '_';
+    return "$title imported from " + title + " (" + job.format + ")\n$nmol 1\n$natoms " +
+           std::to_string(job.atoms.size()) + "\n$charge " + std::to_string(rep.charge) + "\n$multiplicity " +
+           std::to_string(rep.multiplicity) + "\n$nalpha " + std::to_string(occ.nalpha) + "\n$nbeta " +
+           std::to_string(occ.nbeta) + "\n$end\n";
+}
+
+// LABEL x y z nuclear-charge 0 (bohr; the mass column is not used).
+std::string coord_text(const SourceJob& job, const std::vector<std::string>& labels) {
+    std::string out = "$coordinates\n";
+    for (std::size_t a = 0; a < job.atoms.size(); ++a) {
+        const SourceAtom& at = job.atoms[a];
+        char line[200];
+        std::snprintf(line, sizeof line, "%-8s %22.15f %22.15f %22.15f %8.3f %8.3f\n", labels[a].c_str(), at.x, at.y,
+                      at.z, at.nuclear_charge, 0.0);
+        out += line;
+    }
+    return out + "$end\n";
+}
+
 std::string basis_text(const SourceJob& job, const std::vector<std::string>& labels,
                        const std::vector<std::vector<int>>& atom_shells, int nbasis, int nshell, int nprim) {
     static const char* kLabel[] = {"", "s", "p", "l", "d", "d6", "f", "f10", "g15", "h21", "i28"};
@@ -303,6 +321,26 @@ double orthonormality_error(const moldata::TriMatrix& S, const std::vector<doubl
             worst = std::max(worst, std::fabs(d - (r == q ? 1.0 : 0.0)));
         }
     return worst;
+}
+
+// The reader sorts the shells; each read-back shell is matched to the target
+// on its atom with its type and exponents (the first unused one: equal
+// shells keep their order), whose first function it then gives.
+void place_shells(const SourceJob& job, const moldata::Molecule& km, std::vector<TargetShell>& targets) {
+    for (const moldata::Shell& ks : km.shells) {
+        const int a = static_cast<int>(ks.center - km.atoms.data());
+        auto it = std::find_if(targets.begin(), targets.end(), [&](const TargetShell& t) {
+            if (t.placed || t.atom != a || t.type != ks.type) return false;
+            const auto& e = job.shells[static_cast<std::size_t>(t.source)].exponents;
+            if (static_cast<int>(e.size()) != ks.nprim) return false;
+            for (int p = 0; p < ks.nprim; ++p)
+                if (e[static_cast<std::size_t>(p)] != ks.exponent(p)) return false;
+            return true;
+        });
+        if (it == targets.end()) throw ImportError("the basis read back does not match the basis written", 0);
+        it->placed = true;
+        it->first = ks.nfirst - 1;
+    }
 }
 
 // Scratch folder beside the job, removed with everything in it.
@@ -401,41 +439,15 @@ ImportReport write_kalvex_job(const SourceJob& job, const std::string& jobname, 
     const std::string tmpjob = (scratch.dir / stem).string();
 
     // Counts, atoms and basis; read back to learn the reader's shell order.
-    std::string title = source_name;
-    std::replace(title.begin(), title.end(), '$', '_');
-    write_text(tmpjob + ".control", "$title imported from " + title + " (" + job.format + ")\n$nmol 1\n$natoms " +
-                                        std::to_string(natoms) + "\n$charge " + std::to_string(rep.charge) +
-                                        "\n$multiplicity " + std::to_string(rep.multiplicity) + "\n$nalpha " +
-                                        std::to_string(occ.nalpha) + "\n$nbeta " + std::to_string(occ.nbeta) + "\n$end\n");
-    std::string coord = "$coordinates\n";
-    for (int a = 0; a < natoms; ++a) {
-        const SourceAtom& at = job.atoms[static_cast<std::size_t>(a)];
-        char line[200];
-        std::snprintf(line, sizeof line, "%-8s %22.15f %22.15f %22.15f %8.3f %8.3f\n", labels[static_cast<std::size_t>(a)].c_str(),
-                      at.x, at.y, at.z, at.nuclear_charge, 0.0);
-        coord += line;
-    }
-    write_text(tmpjob + ".coord", coord + "$end\n");
+    write_text(tmpjob + ".control", control_text(job, source_name, rep, occ));
+    write_text(tmpjob + ".coord", coord_text(job, labels));
     write_text(tmpjob + ".basis", basis_text(job, labels, atom_shells, nbasis, rep.nshells, nprim));
 
     auto shells_only = moldata::build_molecule(tmpjob);
     if (!shells_only || !shells_only->has_shells() || shells_only->nbasis != nbasis || !shells_only->overlap)
         throw ImportError("Kalvex cannot read back the basis written for this job", 0);
     const moldata::Molecule& km = *shells_only;
-    for (const moldata::Shell& ks : km.shells) {
-        const int a = static_cast<int>(ks.center - km.atoms.data());
-        auto it = std::find_if(targets.begin(), targets.end(), [&](const TargetShell& t) {
-            if (t.placed || t.atom != a || t.type != ks.type) return false;
-            const auto& e = job.shells[static_cast<std::size_t>(t.source)].exponents;
-            if (static_cast<int>(e.size()) != ks.nprim) return false;
-            for (int p = 0; p < ks.nprim; ++p)
-                if (e[static_cast<std::size_t>(p)] != ks.exponent(p)) return false;
-            return true;
-        });
-        if (it == targets.end()) throw ImportError("the basis read back does not match the basis written", 0);
-        it->placed = true;
-        it->first = ks.nfirst - 1;
-    }
+    place_shells(job, km, targets);
 
     // Orbitals over Kalvex's functions, for one normalisation of cartesian shells.
     auto transform = [&](const std::vector<SourceOrbital>& set, CartesianNorm norm) {
