@@ -99,10 +99,42 @@ Reference read_reference(const std::string& path) {
     return ref;
 }
 
+// A restricted open-shell job as programs that keep one orbital set write
+// it (psi4 writes both spins): FCHK without the beta arrays; Molden without
+// the beta orbitals, the alpha ones occupied 2 up to nbeta, then 1.
+std::string one_set(const std::string& text, bool fchk, int nbeta) {
+    std::istringstream in(text);
+    std::string out, line, block;
+    if (fchk) {
+        bool keep = true;
+        while (std::getline(in, line)) {
+            if (!line.empty() && line[0] != ' ') keep = line.rfind("Beta ", 0) != 0;
+            if (keep) out += line + "\n";
+        }
+        return out;
+    }
+    int orbital = 0;
+    auto flush = [&] {  // one orbital block, from its Sym= line on
+        if (block.find("Spin= Beta") == std::string::npos) out += block;
+        block.clear();
+    };
+    while (std::getline(in, line)) {
+        if (line.find("Sym=") != std::string::npos) {
+            flush();
+            ++orbital;
+        }
+        if (line.find("Occup=") != std::string::npos && orbital <= nbeta) line = " Occup= 2.0";
+        (orbital > 0 ? block : out) += line + "\n";
+    }
+    flush();
+    return out;
+}
+
 struct Case {
     const char* job;   // tests/data/psi4/JOB.ref
     const char* file;  // the file imported
     const char* kind;  // expected in the report
+    int one_set_nbeta = 0;  // > 0: import one_set() of the file
 };
 
 class Psi4Import : public ::testing::TestWithParam<Case> {};
@@ -120,7 +152,12 @@ TEST_P(Psi4Import, KalvexValuesMatchPsi4) {
     const Reference ref = read_reference(kData + c.job + ".ref");
     ASSERT_GT(ref.rows.size(), 20u) << c.job;
     TempDir dir;
-    const Result imp = import(kData + c.file, (dir.path / "job").string());
+    std::string input = kData + c.file;
+    if (c.one_set_nbeta > 0) {
+        input = (dir.path / c.file).string();
+        write_file(input, one_set(read_file(kData + c.file), input.ends_with(".fchk"), c.one_set_nbeta));
+    }
+    const Result imp = import(input, (dir.path / "job").string());
     ASSERT_EQ(imp.status, 0) << imp.out;
     EXPECT_NE(imp.out.find(c.kind), std::string::npos) << imp.out;
 
@@ -142,15 +179,15 @@ TEST_P(Psi4Import, KalvexValuesMatchPsi4) {
     ASSERT_GE(cols[cols.size() - 2].index, 0);
     ASSERT_GE(cols.back().index, 0);
 
-    std::string input;
+    std::string lines;
     for (const auto& row : ref.rows) {
         char pt[128];
         std::snprintf(pt, sizeof pt, "-px %.12f -py %.12f -pz %.12f", row[0], row[1], row[2]);
-        input += pt;
-        for (const Column& col : cols) input += " " + col.request;
-        input += "\n";
+        lines += pt;
+        for (const Column& col : cols) lines += " " + col.request;
+        lines += "\n";
     }
-    write_file(dir.path / "stdin.txt", input + "-end\n");
+    write_file(dir.path / "stdin.txt", lines + "-end\n");
     const Result k = run("cd '" + dir.path.string() + "' && '" KVX_BINARY "' job -point -moacc 1e-12 -thresh 1e-12 < stdin.txt");
     ASSERT_EQ(k.status, 0) << k.out.substr(0, 2000);
 
@@ -189,9 +226,13 @@ INSTANTIATE_TEST_SUITE_P(
                       Case{"ch2_cart", "ch2_cart.molden", "(unrestricted)"},
                       Case{"ch2_cart", "ch2_cart.fchk", "(unrestricted)"}, Case{"hf_qz", "hf_qz.molden", "restricted"},
                       Case{"hf_qz", "hf_qz.fchk", "restricted"}, Case{"water_sp", "water_sp.molden", "restricted"},
-                      Case{"water_sp", "water_sp.fchk", "restricted"}),
+                      Case{"water_sp", "water_sp.fchk", "restricted"},
+                      Case{"oh_rohf", "oh_rohf.molden", "(unrestricted)"},
+                      Case{"oh_rohf", "oh_rohf.fchk", "(unrestricted)"},
+                      Case{"oh_rohf", "oh_rohf.molden", "restricted open-shell", 4},
+                      Case{"oh_rohf", "oh_rohf.fchk", "restricted open-shell", 4}),
     [](const ::testing::TestParamInfo<Case>& info) {
-        std::string n = info.param.file;
+        std::string n = std::string(info.param.one_set_nbeta ? "one_set_" : "") + info.param.file;
         for (char& ch : n)
             if (!std::isalnum(static_cast<unsigned char>(ch))) ch = '_';
         return n;

@@ -60,6 +60,7 @@ JOBS = [
     dict(name="oh_uhf", atoms=OH, charge=0, mult=2, ref="uhf", basis="cc-pVTZ", puream=True, hi_l=3, seed=103),
     dict(name="ch2_cart", atoms=CH2, charge=0, mult=3, ref="uhf", basis="cc-pVTZ", puream=False, hi_l=3, seed=104),
     dict(name="hf_qz", atoms=HF, charge=0, mult=1, ref="rhf", basis="cc-pVQZ", puream=True, hi_l=4, seed=105),
+    dict(name="oh_rohf", atoms=OH, charge=0, mult=2, ref="rohf", basis="cc-pVDZ", puream=True, hi_l=None, seed=107),
     dict(name="water_sp", atoms=WATER, charge=0, mult=1, ref="rhf", basis="6-31G*", puream=True, hi_l=None, seed=106, merge_sp=True),
 ]
 
