@@ -42,7 +42,8 @@ void print_report(const std::string& input, const SourceJob& src, const ImportRe
                 r.nbeta, r.charge, r.multiplicity);
     if (r.has_cartesian)
         std::printf("  cartesian functions normalised %s\n", r.cartesian_like_axis ? "all like x^l" : "each on its own");
-    std::printf("  orbitals orthonormal in Kalvex's overlap: largest |C S C^T - I| = %.1e\n", r.orthonormality);
+    std::printf("  orbitals orthonormal in Kalvex's overlap: largest |C S C^T - I| %.1e (occupied), %.1e (all)\n",
+                r.orthonormality.occupied, r.orthonormality.all);
     for (const auto& f : r.removed) std::printf("  removed %s (left from an earlier job of this name)\n", f.c_str());
     std::printf("  wrote");
     for (const auto& f : r.written) std::printf(" %s", f.c_str());
