@@ -1,14 +1,12 @@
 #include "import/convert.h"
 
 #include <stdlib.h>  // mkdtemp
-#include <unistd.h>
 
 #include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
-#include <numeric>
 
 #include "import/harmonics.h"
 #include "moldata/basis.h"
@@ -53,13 +51,10 @@ std::vector<double> source_functions(const SourceShell& s, const CartesianConven
                               " have no defined component order in this format",
                           0);
     const auto& order = conv.order[static_cast<std::size_t>(s.l)];
-    const moldata::CartExp axis{s.l, 0, 0};
     for (int m = 0; m < nf; ++m) {
-        const int c = cart_index(order[static_cast<std::size_t>(m)]);
         const moldata::CartExp e = order[static_cast<std::size_t>(m)];
-        const double self = monomial_overlap(norm == CartesianNorm::EachFunction ? e : axis,
-                                             norm == CartesianNorm::EachFunction ? e : axis);
-        T[static_cast<std::size_t>(m) * nm + c] = 1.0 / std::sqrt(self);
+        const moldata::CartExp unit = norm == CartesianNorm::EachFunction ? e : moldata::CartExp{s.l, 0, 0};
+        T[static_cast<std::size_t>(m) * nm + cart_index(e)] = 1.0 / std::sqrt(monomial_overlap(unit, unit));
     }
     return T;
 }
