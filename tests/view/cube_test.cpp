@@ -1,0 +1,199 @@
+// kalvex-cube on the water job: header, atoms and values against the job file,
+// the property file and kalvex's own single-point values; Open Babel as a
+// real reader; refusals that leave no file behind.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <tuple>
+
+#include "view_run.h"
+
+namespace kvx::viewtest {
+namespace {
+
+struct Cube {
+    std::string comment[2];
+    int natoms = 0;
+    double origin[3] = {};
+    int n[3] = {};
+    double axis[3][3] = {};
+    std::vector<std::vector<double>> atoms;  // Z, charge, x, y, z
+    std::vector<int> per_line;               // values on each value line
+    std::vector<double> v;
+    double at(int ix, int iy, int iz) const { return v[static_cast<std::size_t>((ix * n[1] + iy) * n[2] + iz)]; }
+};
+
+Cube read_cube(const fs::path& p) {
+    Cube c;
+    std::ifstream f(p);
+    std::getline(f, c.comment[0]);
+    std::getline(f, c.comment[1]);
+    std::string line;
+    std::getline(f, line);
+    std::istringstream(line) >> c.natoms >> c.origin[0] >> c.origin[1] >> c.origin[2];
+    for (int d = 0; d < 3; ++d) {
+        std::getline(f, line);
+        std::istringstream(line) >> c.n[d] >> c.axis[d][0] >> c.axis[d][1] >> c.axis[d][2];
+    }
+    for (int a = 0; a < c.natoms; ++a) {
+        std::getline(f, line);
+        std::vector<double> row(5);
+        std::istringstream(line) >> row[0] >> row[1] >> row[2] >> row[3] >> row[4];
+        c.atoms.push_back(row);
+    }
+    while (std::getline(f, line)) {
+        std::istringstream s(line);
+        int k = 0;
+        for (double x; s >> x; ++k) c.v.push_back(x);
+        c.per_line.push_back(k);
+    }
+    return c;
+}
+
+double point_value(const WaterDir& d, const double p[3]) {
+    char args[200];
+    std::snprintf(args, sizeof args, "-point -px %.9f -py %.9f -pz %.9f -moa 3", p[0], p[1], p[2]);
+    const Ran r = d.kalvex(args);
+    const auto at = r.out.find("Property:");
+    return at == std::string::npos ? NAN : std::atof(r.out.c_str() + at + 9);
+}
+
+class CubeTool : public ::testing::Test {
+protected:
+    WaterDir d;
+    void SetUp() override {
+        // Unequal counts: any mix-up of axes lands on another point or none.
+        ASSERT_EQ(d.kalvex("-xp 7 -yp 9 -zp 11 -base w -moa 3").status, 0);
+        ASSERT_EQ(d.kalvex("-xp 7 -yp 9 -zp 11 -base s -fgrid 0 -moa 3").status, 0);
+    }
+};
+
+TEST_F(CubeTool, HoldsTheJobsAtomsAndEachValueAtItsGridPoint) {
+    const Ran r = d.run(tool("kalvex-cube") + " water w-moa-3.grid");
+    ASSERT_EQ(r.status, 0) << r.out;
+    const Cube c = read_cube(d.path() / "w-moa-3.cube");
+    const GridText g = read_grid_text(d.path() / "w-moa-3.grid");
+    std::ifstream grid(d.path() / "w-moa-3.grid");
+    std::string stamp;
+    grid >> stamp;
+    EXPECT_NE(c.comment[0].find("water"), std::string::npos);
+    EXPECT_NE(c.comment[0].find("moa-3"), std::string::npos);
+    EXPECT_NE(c.comment[1].find(stamp), std::string::npos);
+
+    ASSERT_EQ(c.natoms, 3);
+    for (int a = 0; a < 3; ++a) {
+        EXPECT_EQ(c.atoms[a][0], kWater[a].z);
+        EXPECT_EQ(c.atoms[a][1], kWater[a].z);  // nuclear charge of the job
+        EXPECT_NEAR(c.atoms[a][2], kWater[a].x, 1e-6);
+        EXPECT_NEAR(c.atoms[a][3], kWater[a].y, 1e-6);
+        EXPECT_NEAR(c.atoms[a][4], kWater[a].z_, 1e-6);
+    }
+    for (int d3 = 0; d3 < 3; ++d3) {
+        EXPECT_EQ(c.n[d3], g.n[d3]);
+        EXPECT_EQ(c.origin[d3], g.origin[d3]);
+        for (int k = 0; k < 3; ++k) EXPECT_EQ(c.axis[d3][k], k == d3 ? g.step[d3] : 0.0);
+    }
+    // Each z run of 11 values fills one line of six and one of five.
+    ASSERT_EQ(c.per_line.size(), 7u * 9 * 2);
+    for (std::size_t l = 0; l < c.per_line.size(); ++l) ASSERT_EQ(c.per_line[l], l % 2 ? 5 : 6) << l;
+
+    ASSERT_EQ(c.v.size(), g.v.size());
+    for (int ix = 0; ix < 7; ++ix)
+        for (int iy = 0; iy < 9; ++iy)
+            for (int iz = 0; iz < 11; ++iz)
+                ASSERT_NEAR(c.at(ix, iy, iz), g.at(ix, iy, iz), 5e-6 * std::fabs(g.at(ix, iy, iz)) + 1e-12)
+                    << ix << " " << iy << " " << iz;
+
+    // Kalvex evaluates the orbital afresh at the points of the three largest
+    // values whose indices differ pairwise (off every symmetry plane of the
+    // index box); the cube must hold them where the points are.
+    std::vector<std::tuple<double, int, int, int>> big;
+    for (int ix = 0; ix < 7; ++ix)
+        for (int iy = 0; iy < 9; ++iy)
+            for (int iz = 0; iz < 11; ++iz)
+                if (ix != iy && iy != iz && ix != iz) big.emplace_back(-std::fabs(c.at(ix, iy, iz)), ix, iy, iz);
+    std::sort(big.begin(), big.end());
+    for (int k = 0; k < 3; ++k) {
+        const auto [neg, ix, iy, iz] = big[k];
+        const double p[3] = {c.origin[0] + ix * c.axis[0][0], c.origin[1] + iy * c.axis[1][1],
+                             c.origin[2] + iz * c.axis[2][2]};
+        const double fresh = point_value(d, p);
+        EXPECT_NEAR(c.at(ix, iy, iz), fresh, 2e-5 * std::fabs(fresh) + 2e-6) << ix << " " << iy << " " << iz;
+        // The check can tell x from z: the swapped point holds another value.
+        if (iz < 7 && ix < 11) {
+            EXPECT_GT(std::fabs(c.at(iz, iy, ix) - fresh), 1e-3);
+        }
+        EXPECT_GT(-neg, 0.01);
+    }
+}
+
+TEST_F(CubeTool, StorageOrderFilesNeedTheOptionAndThenGiveTheSameCube) {
+    ASSERT_EQ(d.run(tool("kalvex-cube") + " water w-moa-3.grid").status, 0);
+    ASSERT_EQ(d.run(tool("kalvex-cube") + " water s-moa-3.grid --storage-order").status, 0);
+    ASSERT_EQ(d.run(tool("kalvex-cube") + " water s-moa-3.grid wrong.cube").status, 0);
+    EXPECT_EQ(read_cube(d.path() / "w-moa-3.cube").v, read_cube(d.path() / "s-moa-3.cube").v);
+    EXPECT_NE(read_cube(d.path() / "w-moa-3.cube").v, read_cube(d.path() / "wrong.cube").v);
+}
+
+TEST_F(CubeTool, OpenBabelReadsTheAtomsBack) {
+    if (std::system("command -v obabel >/dev/null 2>&1") != 0)
+        GTEST_SKIP() << "obabel is not on PATH (Debian package openbabel; scripts/setup.sh --tests installs it)";
+    ASSERT_EQ(d.run(tool("kalvex-cube") + " water w-moa-3.grid").status, 0);
+    const Ran r = d.run("obabel -icube w-moa-3.cube -oxyz -O back.xyz");
+    ASSERT_EQ(r.status, 0) << r.out;
+    std::istringstream s(slurp(d.path() / "back.xyz"));
+    int n = 0;
+    std::string line;
+    s >> n;
+    std::getline(s, line);
+    std::getline(s, line);  // title
+    ASSERT_EQ(n, 3) << slurp(d.path() / "back.xyz");
+    const double angstrom = 0.529177210903;  // bohr
+    const char* symbols[3] = {"O", "H", "H"};
+    for (int a = 0; a < 3; ++a) {
+        std::string sym;
+        double x, y, z;
+        s >> sym >> x >> y >> z;
+        EXPECT_EQ(sym, symbols[a]);
+        EXPECT_NEAR(x, kWater[a].x * angstrom, 1e-4);
+        EXPECT_NEAR(y, kWater[a].y * angstrom, 1e-4);
+        EXPECT_NEAR(z, kWater[a].z_ * angstrom, 1e-4);
+    }
+}
+
+TEST_F(CubeTool, RefusalsGiveOneMessageStatusOneAndNoFile) {
+    // Header promising one plane more than the file holds.
+    std::string text = slurp(d.path() / "w-moa-3.grid");
+    text.replace(text.find("\n7 9 11\n"), 8, "\n7 9 12\n");
+    std::ofstream(d.path() / "bad-moa-3.grid") << text;
+    // More atoms in .coord than .control announces: the readers end the run.
+    fs::create_directory(d.path() / "j");
+    for (const char* ext : {".coord", ".basis", ".mos"}) fs::copy_file(d.path() / ("water" + std::string(ext)), d.path() / "j" / ("water" + std::string(ext)));
+    std::string control = slurp(d.path() / "water.control");
+    control.replace(control.find("$natoms 3"), 9, "$natoms 2");
+    std::ofstream(d.path() / "j" / "water.control") << control;
+
+    const struct {
+        std::string args, says;
+    } cases[] = {
+        {"water bad-moa-3.grid", "bad-moa-3.grid: holds 693 values, the counts 7 x 9 x 12 = 756"},
+        {"nosuch w-moa-3.grid out.cube", "cannot read job nosuch"},
+        {"j/water w-moa-3.grid out.cube", "cannot read job j/water"},
+        {"water missing.grid out.cube", "missing.grid: cannot open"},
+        {"water w-moa-3.grid no/such/dir/out.cube", "cannot create no/such/dir/out.cube"},
+        {"water", "usage: kalvex-cube JOB FILE.grid"},
+        {"water w-moa-3.grid out.cube --zorder", "unknown option --zorder"},
+    };
+    const auto before = d.names();
+    for (const auto& c : cases) {
+        const Ran r = d.run(tool("kalvex-cube") + " " + c.args);
+        EXPECT_EQ(r.status, 1) << c.args;
+        EXPECT_NE(r.out.find("kalvex-cube: " + c.says), std::string::npos) << c.args << "\n" << r.out;
+        EXPECT_EQ(d.names(), before) << c.args;
+    }
+}
+
+}  // namespace
+}  // namespace kvx::viewtest
