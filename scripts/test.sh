@@ -3,7 +3,7 @@
 # AddressSanitizer + UndefinedBehaviorSanitizer build.
 set -euo pipefail
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
-"$root/scripts/setup.sh"
+"$root/scripts/setup.sh" --tests
 jobs="$(nproc 2>/dev/null || echo 2)"
 
 echo "== Release build"
