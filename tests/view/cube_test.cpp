@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdlib>
 #include <tuple>
 
 #include "view_run.h"
@@ -14,13 +13,10 @@ namespace kvx::viewtest {
 namespace {
 
 struct Cube {
-    std::string comment[2];
-    int natoms = 0;
-    double origin[3] = {};
-    int n[3] = {};
-    double axis[3][3] = {};
-    std::vector<std::vector<double>> atoms;  // Z, charge, x, y, z
-    std::vector<int> per_line;               // values on each value line
+    std::string comments;
+    int natoms = 0, n[3] = {};
+    double origin[3] = {}, axis[3][3] = {}, atoms[3][5] = {};
+    std::vector<int> per_line;  // values on each value line
     std::vector<double> v;
     double at(int ix, int iy, int iz) const { return v[static_cast<std::size_t>((ix * n[1] + iy) * n[2] + iz)]; }
 };
@@ -28,36 +24,22 @@ struct Cube {
 Cube read_cube(const fs::path& p) {
     Cube c;
     std::ifstream f(p);
-    std::getline(f, c.comment[0]);
-    std::getline(f, c.comment[1]);
-    std::string line;
-    std::getline(f, line);
-    std::istringstream(line) >> c.natoms >> c.origin[0] >> c.origin[1] >> c.origin[2];
-    for (int d = 0; d < 3; ++d) {
-        std::getline(f, line);
-        std::istringstream(line) >> c.n[d] >> c.axis[d][0] >> c.axis[d][1] >> c.axis[d][2];
-    }
-    for (int a = 0; a < c.natoms; ++a) {
-        std::getline(f, line);
-        std::vector<double> row(5);
-        std::istringstream(line) >> row[0] >> row[1] >> row[2] >> row[3] >> row[4];
-        c.atoms.push_back(row);
-    }
-    while (std::getline(f, line)) {
-        std::istringstream s(line);
+    std::string line[2];
+    std::getline(f, line[0]);
+    std::getline(f, line[1]);
+    c.comments = line[0] + "\n" + line[1];
+    f >> c.natoms >> c.origin[0] >> c.origin[1] >> c.origin[2];
+    for (int d = 0; d < 3; ++d) f >> c.n[d] >> c.axis[d][0] >> c.axis[d][1] >> c.axis[d][2];
+    for (int a = 0; a < std::min(c.natoms, 3); ++a)
+        for (double& x : c.atoms[a]) f >> x;
+    std::getline(f, line[0]);
+    while (std::getline(f, line[0])) {
+        std::istringstream s(line[0]);
         int k = 0;
         for (double x; s >> x; ++k) c.v.push_back(x);
         c.per_line.push_back(k);
     }
     return c;
-}
-
-double point_value(const WaterDir& d, const double p[3]) {
-    char args[200];
-    std::snprintf(args, sizeof args, "-point -px %.9f -py %.9f -pz %.9f -moa 3", p[0], p[1], p[2]);
-    const Ran r = d.kalvex(args);
-    const auto at = r.out.find("Property:");
-    return at == std::string::npos ? NAN : std::atof(r.out.c_str() + at + 9);
 }
 
 class CubeTool : public ::testing::Test {
@@ -68,6 +50,13 @@ protected:
         ASSERT_EQ(d.kalvex("-xp 7 -yp 9 -zp 11 -base w -moa 3").status, 0);
         ASSERT_EQ(d.kalvex("-xp 7 -yp 9 -zp 11 -base s -fgrid 0 -moa 3").status, 0);
     }
+    double point_value(const double p[3]) const {
+        char args[200];
+        std::snprintf(args, sizeof args, "-point -px %.9f -py %.9f -pz %.9f -moa 3", p[0], p[1], p[2]);
+        const Ran r = d.kalvex(args);
+        const auto at = r.out.find("Property:");
+        return at == std::string::npos ? NAN : std::atof(r.out.c_str() + at + 9);
+    }
 };
 
 TEST_F(CubeTool, HoldsTheJobsAtomsAndEachValueAtItsGridPoint) {
@@ -75,20 +64,13 @@ TEST_F(CubeTool, HoldsTheJobsAtomsAndEachValueAtItsGridPoint) {
     ASSERT_EQ(r.status, 0) << r.out;
     const Cube c = read_cube(d.path() / "w-moa-3.cube");
     const GridText g = read_grid_text(d.path() / "w-moa-3.grid");
-    std::ifstream grid(d.path() / "w-moa-3.grid");
-    std::string stamp;
-    grid >> stamp;
-    EXPECT_NE(c.comment[0].find("water"), std::string::npos);
-    EXPECT_NE(c.comment[0].find("moa-3"), std::string::npos);
-    EXPECT_NE(c.comment[1].find(stamp), std::string::npos);
+    for (const std::string& word : {std::string("water"), std::string("moa-3"), std::to_string(g.stamp)})
+        EXPECT_NE(c.comments.find(word), std::string::npos) << word;
 
     ASSERT_EQ(c.natoms, 3);
     for (int a = 0; a < 3; ++a) {
-        EXPECT_EQ(c.atoms[a][0], kWater[a].z);
-        EXPECT_EQ(c.atoms[a][1], kWater[a].z);  // nuclear charge of the job
-        EXPECT_NEAR(c.atoms[a][2], kWater[a].x, 1e-6);
-        EXPECT_NEAR(c.atoms[a][3], kWater[a].y, 1e-6);
-        EXPECT_NEAR(c.atoms[a][4], kWater[a].z_, 1e-6);
+        const double want[5] = {double(kWater[a].z), double(kWater[a].z), kWater[a].x, kWater[a].y, kWater[a].z_};
+        for (int k = 0; k < 5; ++k) EXPECT_NEAR(c.atoms[a][k], want[k], 1e-6) << a << " " << k;
     }
     for (int d3 = 0; d3 < 3; ++d3) {
         EXPECT_EQ(c.n[d3], g.n[d3]);
@@ -100,41 +82,33 @@ TEST_F(CubeTool, HoldsTheJobsAtomsAndEachValueAtItsGridPoint) {
     for (std::size_t l = 0; l < c.per_line.size(); ++l) ASSERT_EQ(c.per_line[l], l % 2 ? 5 : 6) << l;
 
     ASSERT_EQ(c.v.size(), g.v.size());
-    for (int ix = 0; ix < 7; ++ix)
-        for (int iy = 0; iy < 9; ++iy)
-            for (int iz = 0; iz < 11; ++iz)
-                ASSERT_NEAR(c.at(ix, iy, iz), g.at(ix, iy, iz), 5e-6 * std::fabs(g.at(ix, iy, iz)) + 1e-12)
-                    << ix << " " << iy << " " << iz;
-
-    // Kalvex evaluates the orbital afresh at the points of the three largest
-    // values whose indices differ pairwise (off every symmetry plane of the
-    // index box); the cube must hold them where the points are.
     std::vector<std::tuple<double, int, int, int>> big;
     for (int ix = 0; ix < 7; ++ix)
         for (int iy = 0; iy < 9; ++iy)
-            for (int iz = 0; iz < 11; ++iz)
+            for (int iz = 0; iz < 11; ++iz) {
+                ASSERT_NEAR(c.at(ix, iy, iz), g.at(ix, iy, iz), 5e-6 * std::fabs(g.at(ix, iy, iz)) + 1e-12);
                 if (ix != iy && iy != iz && ix != iz) big.emplace_back(-std::fabs(c.at(ix, iy, iz)), ix, iy, iz);
+            }
+    // Kalvex evaluates the orbital afresh at the points of the three largest
+    // values whose indices differ pairwise; the cube holds them there, and
+    // the x-z swapped point holds something else.
     std::sort(big.begin(), big.end());
     for (int k = 0; k < 3; ++k) {
         const auto [neg, ix, iy, iz] = big[k];
-        const double p[3] = {c.origin[0] + ix * c.axis[0][0], c.origin[1] + iy * c.axis[1][1],
-                             c.origin[2] + iz * c.axis[2][2]};
-        const double fresh = point_value(d, p);
+        const double p[3] = {g.coordinate(0, ix), g.coordinate(1, iy), g.coordinate(2, iz)};
+        const double fresh = point_value(p);
+        EXPECT_GT(-neg, 0.01);
         EXPECT_NEAR(c.at(ix, iy, iz), fresh, 2e-5 * std::fabs(fresh) + 2e-6) << ix << " " << iy << " " << iz;
-        // The check can tell x from z: the swapped point holds another value.
         if (iz < 7 && ix < 11) {
             EXPECT_GT(std::fabs(c.at(iz, iy, ix) - fresh), 1e-3);
         }
-        EXPECT_GT(-neg, 0.01);
     }
-}
 
-TEST_F(CubeTool, StorageOrderFilesNeedTheOptionAndThenGiveTheSameCube) {
-    ASSERT_EQ(d.run(tool("kalvex-cube") + " water w-moa-3.grid").status, 0);
+    // Storage-order files give the same cube with the option, another without.
     ASSERT_EQ(d.run(tool("kalvex-cube") + " water s-moa-3.grid --storage-order").status, 0);
     ASSERT_EQ(d.run(tool("kalvex-cube") + " water s-moa-3.grid wrong.cube").status, 0);
-    EXPECT_EQ(read_cube(d.path() / "w-moa-3.cube").v, read_cube(d.path() / "s-moa-3.cube").v);
-    EXPECT_NE(read_cube(d.path() / "w-moa-3.cube").v, read_cube(d.path() / "wrong.cube").v);
+    EXPECT_EQ(read_cube(d.path() / "s-moa-3.cube").v, c.v);
+    EXPECT_NE(read_cube(d.path() / "wrong.cube").v, c.v);
 }
 
 TEST_F(CubeTool, OpenBabelReadsTheAtomsBack) {
@@ -149,14 +123,13 @@ TEST_F(CubeTool, OpenBabelReadsTheAtomsBack) {
     s >> n;
     std::getline(s, line);
     std::getline(s, line);  // title
-    ASSERT_EQ(n, 3) << slurp(d.path() / "back.xyz");
+    ASSERT_EQ(n, 3) << s.str();
     const double angstrom = 0.529177210903;  // bohr
-    const char* symbols[3] = {"O", "H", "H"};
     for (int a = 0; a < 3; ++a) {
         std::string sym;
         double x, y, z;
         s >> sym >> x >> y >> z;
-        EXPECT_EQ(sym, symbols[a]);
+        EXPECT_EQ(sym, a == 0 ? "O" : "H");
         EXPECT_NEAR(x, kWater[a].x * angstrom, 1e-4);
         EXPECT_NEAR(y, kWater[a].y * angstrom, 1e-4);
         EXPECT_NEAR(z, kWater[a].z_ * angstrom, 1e-4);
@@ -170,7 +143,8 @@ TEST_F(CubeTool, RefusalsGiveOneMessageStatusOneAndNoFile) {
     std::ofstream(d.path() / "bad-moa-3.grid") << text;
     // More atoms in .coord than .control announces: the readers end the run.
     fs::create_directory(d.path() / "j");
-    for (const char* ext : {".coord", ".basis", ".mos"}) fs::copy_file(d.path() / ("water" + std::string(ext)), d.path() / "j" / ("water" + std::string(ext)));
+    for (const std::string ext : {".coord", ".basis", ".mos"})
+        fs::copy_file(d.path() / ("water" + ext), d.path() / "j" / ("water" + ext));
     std::string control = slurp(d.path() / "water.control");
     control.replace(control.find("$natoms 3"), 9, "$natoms 2");
     std::ofstream(d.path() / "j" / "water.control") << control;
