@@ -41,8 +41,9 @@ TEST(SolidHarmonics, HarmonicAndOrthonormal) {
         const int nc = import::cart_count(l), n = 2 * l + 1;
         ASSERT_EQ(S.size(), static_cast<std::size_t>(n * nc));
         for (int r = 0; r < n; ++r) {
-            if (l >= 2)
+            if (l >= 2) {
                 for (double v : laplacian(&S[static_cast<std::size_t>(r * nc)], l)) EXPECT_NEAR(v, 0.0, 1e-12) << l << " " << r;
+            }
             for (int q = 0; q <= r; ++q) {
                 double dot = 0;
                 for (int a = 0; a < nc; ++a)
