@@ -282,9 +282,15 @@ std::string basis_text(const SourceJob& job, const std::vector<std::string>& lab
             const SourceShell& s = job.shells[static_cast<std::size_t>(si)];
             out += kLabel[kalvex_type(s)];
             for (std::size_t p = 0; p < s.exponents.size(); ++p) {
-                out += (p == 0 ? " " : "  ") + exact(s.exponents[p]) + " " + exact(s.coefs[p]);
-                if (s.sp) out += " " + exact(s.coefs_p[p]);
-                out += "\n";
+                out += p == 0 ? " " : "  ";  // the first primitive shares the label's line
+                out += exact(s.exponents[p]);
+                out += ' ';
+                out += exact(s.coefs[p]);
+                if (s.sp) {
+                    out += ' ';
+                    out += exact(s.coefs_p[p]);
+                }
+                out += '\n';
             }
         }
     }
