@@ -457,10 +457,10 @@ ImportReport write_kalvex_job(const SourceJob& job, const std::string& jobname, 
     write_text(tmpjob + ".coord", coord_text(job, labels));
     write_text(tmpjob + ".basis", basis_text(job, labels, atom_shells, nbasis, rep.nshells, nprim));
 
-    auto shells_only = moldata::build_molecule(tmpjob);
-    if (!shells_only || !shells_only->has_shells() || shells_only->nbasis != nbasis || !shells_only->overlap)
+    auto read_back = moldata::build_molecule(tmpjob);
+    if (!read_back || !read_back->has_shells() || read_back->nbasis != nbasis || !read_back->overlap)
         throw ImportError("Kalvex cannot read back the basis written for this job", 0);
-    const moldata::Molecule& km = *shells_only;
+    moldata::Molecule& km = *read_back;
     place_shells(job, km, targets);
 
     // Orbitals over Kalvex's functions, for one normalisation of cartesian shells.
@@ -523,15 +523,16 @@ ImportReport write_kalvex_job(const SourceJob& job, const std::string& jobname, 
         exts.push_back(".mob");
     }
 
-    // The whole job as kalvex will read it.
-    auto full = moldata::build_molecule(tmpjob);
-    if (!full || !full->flags || !(*full->flags)[moldata::DataFlags::kAlpha] ||
-        (!occ.restricted && !(*full->flags)[moldata::DataFlags::kBeta]) || !full->overlap)
-        throw ImportError("Kalvex cannot read back the job written", 0);
-    rep.orthonormality = orthonormality(*full->overlap, full->alpha->coef.data.data(), full->alpha->count, occ.nalpha, nbasis);
-    if (full->beta)
-        rep.orthonormality = worse(rep.orthonormality, orthonormality(*full->overlap, full->beta->coef.data.data(),
-                                                                      full->beta->count, occ.nbeta, nbasis));
+    // The orbital files as kalvex reads them, into the molecule whose basis and
+    // overlap were read back above.
+    moldata::read_orbitals(km, tmpjob);
+    km.flags = moldata::compute_flags(km);
+    if (!(*km.flags)[moldata::DataFlags::kAlpha] || (!occ.restricted && !(*km.flags)[moldata::DataFlags::kBeta]))
+        throw ImportError("Kalvex cannot read back the orbitals written", 0);
+    rep.orthonormality = orthonormality(*km.overlap, km.alpha->coef.data.data(), km.alpha->count, occ.nalpha, nbasis);
+    if (km.beta)
+        rep.orthonormality = worse(rep.orthonormality, orthonormality(*km.overlap, km.beta->coef.data.data(),
+                                                                      km.beta->count, occ.nbeta, nbasis));
     if (!rep.orthonormality.ok())
         throw ImportError("the orbitals read back are not orthonormal (" + orthonormality_text(rep.orthonormality) + ")", 0);
 
