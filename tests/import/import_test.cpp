@@ -17,6 +17,8 @@
 #include <string>
 #include <vector>
 
+#include "common/command.h"
+
 namespace fs = std::filesystem;
 
 namespace {
@@ -43,31 +45,12 @@ struct TempDir {
     }
 };
 
-struct Result {
-    std::string out;  // stdout and stderr
-    int status = -1;
-};
-
-Result run(const std::string& cmd) {
-    Result r;
-    FILE* p = popen((cmd + " 2>&1").c_str(), "r");
-    if (!p) return r;
-    char buf[4096];
-    for (size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;) r.out.append(buf, n);
-    const int st = pclose(p);
-    r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-    return r;
-}
+using Result = kvx::test::CommandResult;
+using kvx::test::read_file;
+using kvx::test::run_command;
 
 Result import(const std::string& input, const std::string& job) {
-    return run("'" KVX_BIN_DIR "/kalvex-import' '" + input + "' '" + job + "'");
-}
-
-std::string read_file(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
+    return run_command("'" KVX_BIN_DIR "/kalvex-import' '" + input + "' '" + job + "'");
 }
 
 void write_file(const fs::path& path, const std::string& text) { std::ofstream(path, std::ios::binary) << text; }
@@ -188,7 +171,7 @@ TEST_P(Psi4Import, KalvexValuesMatchPsi4) {
         lines += "\n";
     }
     write_file(dir.path / "stdin.txt", lines + "-end\n");
-    const Result k = run("cd '" + dir.path.string() + "' && '" KVX_BINARY "' job -point -moacc 1e-12 -thresh 1e-12 < stdin.txt");
+    const Result k = run_command("cd '" + dir.path.string() + "' && '" KVX_BINARY "' job -point -moacc 1e-12 -thresh 1e-12 < stdin.txt");
     ASSERT_EQ(k.status, 0) << k.out.substr(0, 2000);
 
     std::vector<double> got;
@@ -323,7 +306,7 @@ TEST(Import, RefusedFilesLeaveNothingBehind) {
         EXPECT_EQ(dir.snapshot(), before) << c.name;
     }
     // Usage: status 1, nothing written.
-    EXPECT_EQ(run("'" KVX_BIN_DIR "/kalvex-import' only-one").status, 1);
+    EXPECT_EQ(run_command("'" KVX_BIN_DIR "/kalvex-import' only-one").status, 1);
 }
 
 // Cut or scrambled files never crash the importer: each run either imports

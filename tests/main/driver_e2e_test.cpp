@@ -16,14 +16,13 @@
 #include <thread>
 #include <vector>
 
+#include "common/command.h"
+
 namespace fs = std::filesystem;
 
 namespace {
 
-struct RunResult {
-    std::string out;
-    int status = -1;
-};
+using RunResult = kvx::test::CommandResult;
 
 class KalvexRun : public ::testing::Test {
 protected:
@@ -44,16 +43,8 @@ protected:
     RunResult run(const std::string& args, const std::string& input, const std::string& env = "") {
         const fs::path in = dir / "stdin.txt";
         std::ofstream(in) << input;
-        const std::string cmd = "cd '" + dir.string() + "' && " + env + " '" KVX_BINARY "' " + args + " < stdin.txt 2>&1";
-        RunResult r;
-        FILE* p = popen(cmd.c_str(), "r");
-        if (!p) return r;
-        char buf[4096];
-        size_t n;
-        while ((n = fread(buf, 1, sizeof buf, p)) > 0) r.out.append(buf, n);
-        const int st = pclose(p);
-        r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-        return r;
+        return kvx::test::run_command("cd '" + dir.string() + "' && " + env + " '" KVX_BINARY "' " + args +
+                                      " < stdin.txt");
     }
 
     std::vector<fs::path> grid_files() const {

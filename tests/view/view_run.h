@@ -3,7 +3,7 @@
 // independent reader of property files in the default value order.
 #pragma once
 
-#include <sys/wait.h>
+#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -14,23 +14,17 @@
 #include <string>
 #include <vector>
 
+#include "common/command.h"
+
 namespace kvx::viewtest {
 
 namespace fs = std::filesystem;
 
-struct Ran {
-    std::string out;  // standard output and error together
-    int status = -1;
-};
+using Ran = test::CommandResult;
 
 inline std::string tool(const char* name) { return std::string("'") + KVX_BIN_DIR + "/" + name + "'"; }
 
-inline std::string slurp(const fs::path& p) {
-    std::ifstream f(p, std::ios::binary);
-    std::stringstream s;
-    s << f.rdbuf();
-    return s.str();
-}
+inline std::string slurp(const fs::path& p) { return test::read_file(p); }
 
 class WaterDir {
 public:
@@ -49,16 +43,7 @@ public:
 
     const fs::path& path() const { return dir_; }
     // sh -c command in the directory.
-    Ran run(const std::string& command) const {
-        Ran r;
-        FILE* p = popen(("cd '" + dir_.string() + "' && " + command + " 2>&1").c_str(), "r");
-        if (!p) return r;
-        char buf[4096];
-        for (std::size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;) r.out.append(buf, n);
-        const int st = pclose(p);
-        r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-        return r;
-    }
+    Ran run(const std::string& command) const { return test::run_command("cd '" + dir_.string() + "' && " + command); }
     Ran kalvex(const std::string& args) const { return run("'" KVX_BINARY "' water " + args + " </dev/null"); }
     std::vector<std::string> names() const {
         std::vector<std::string> v;
@@ -70,6 +55,21 @@ public:
 private:
     fs::path dir_;
 };
+
+// Runs of a tool that must be refused: status 1, "TOOL: says" in the
+// output, and the folder's file names unchanged.
+struct Refusal {
+    std::string args, says;
+};
+inline void expect_refusals(const WaterDir& d, const char* tool_name, const std::vector<Refusal>& cases) {
+    const auto before = d.names();
+    for (const Refusal& c : cases) {
+        const Ran r = d.run(tool(tool_name) + " " + c.args);
+        EXPECT_EQ(r.status, 1) << c.args;
+        EXPECT_NE(r.out.find(std::string(tool_name) + ": " + c.says), std::string::npos) << c.args << "\n" << r.out;
+        EXPECT_EQ(d.names(), before) << c.args;
+    }
+}
 
 // The water job's atoms, as in tests/data/water/water.coord (bohr).
 struct RefAtom {

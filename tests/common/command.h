@@ -1,0 +1,39 @@
+// Test helpers shared by the end-to-end tests: a shell command run with its
+// output and exit status, and a whole file read into a string.
+#pragma once
+
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+namespace kvx::test {
+
+struct CommandResult {
+    std::string out;  // standard output and standard error together
+    int status = -1;  // exit status; -1 when the command did not exit normally (a crash)
+};
+
+// sh -c command, its standard error joined to its standard output.
+inline CommandResult run_command(const std::string& command) {
+    CommandResult r;
+    FILE* p = popen((command + " 2>&1").c_str(), "r");
+    if (!p) return r;
+    char buf[4096];
+    for (std::size_t n; (n = std::fread(buf, 1, sizeof buf, p)) > 0;) r.out.append(buf, n);
+    const int st = pclose(p);
+    r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+    return r;
+}
+
+inline std::string read_file(const std::filesystem::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+}  // namespace kvx::test
