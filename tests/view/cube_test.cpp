@@ -149,9 +149,7 @@ TEST_F(CubeTool, RefusalsGiveOneMessageStatusOneAndNoFile) {
     control.replace(control.find("$natoms 3"), 9, "$natoms 2");
     std::ofstream(d.path() / "j" / "water.control") << control;
 
-    const struct {
-        std::string args, says;
-    } cases[] = {
+    expect_refusals(d, "kalvex-cube", {
         {"water bad-moa-3.grid", "bad-moa-3.grid: holds 693 values, the counts 7 x 9 x 12 = 756"},
         {"nosuch w-moa-3.grid out.cube", "cannot read job nosuch"},
         {"j/water w-moa-3.grid out.cube", "cannot read job j/water"},
@@ -159,14 +157,7 @@ TEST_F(CubeTool, RefusalsGiveOneMessageStatusOneAndNoFile) {
         {"water w-moa-3.grid no/such/dir/out.cube", "cannot create no/such/dir/out.cube"},
         {"water", "usage: kalvex-cube JOB FILE.grid"},
         {"water w-moa-3.grid out.cube --zorder", "unknown option --zorder"},
-    };
-    const auto before = d.names();
-    for (const auto& c : cases) {
-        const Ran r = d.run(tool("kalvex-cube") + " " + c.args);
-        EXPECT_EQ(r.status, 1) << c.args;
-        EXPECT_NE(r.out.find("kalvex-cube: " + c.says), std::string::npos) << c.args << "\n" << r.out;
-        EXPECT_EQ(d.names(), before) << c.args;
-    }
+    });
 }
 
 }  // namespace
