@@ -155,8 +155,8 @@ case "$mode" in
     make)
         BIN="$(cd "$2" && pwd)"
         OUT="$golden"
-        rm -rf "$golden"
         mkdir -p "$golden"
+        find "$golden" -mindepth 1 -maxdepth 1 -type d -exec rm -rf {} +
         run_cases
         ;;
     check)
@@ -164,7 +164,7 @@ case "$mode" in
         OUT="$(mktemp -d "${TMPDIR:-/tmp}/kvx_golden.XXXXXX")"
         trap 'rm -rf "$OUT"' EXIT
         run_cases
-        if diff -r "$golden" "$OUT" >"$OUT.diff" 2>&1; then
+        if diff -r -x README.md "$golden" "$OUT" >"$OUT.diff" 2>&1; then
             rm -f "$OUT.diff"
             echo "golden outputs: identical"
         else
