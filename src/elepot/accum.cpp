@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "common/fatal.h"
-#include "moldata/shell_types.h"
+#include "gauss/shell_types.h"
 
 namespace kvx::elepot {
 
@@ -53,9 +53,9 @@ constexpr auto kAccum = make_accum(kSeq);
 // Index of cart(A) * cart(B) in kLengths by bisection (a balanced
 // comparison tree of depth 6), or -1.
 int length_index(int typeA, int typeB) {
-    if (typeA < 0 || typeA >= moldata::kNumShellTypes || typeB < 0 || typeB >= moldata::kNumShellTypes) return -1;
-    const int n = moldata::kCartCount[static_cast<std::size_t>(typeA)] *
-                  moldata::kCartCount[static_cast<std::size_t>(typeB)];
+    if (typeA < 0 || typeA >= gauss::kNumShellTypes || typeB < 0 || typeB >= gauss::kNumShellTypes) return -1;
+    const int n =
+        gauss::kCartCount[static_cast<std::size_t>(typeA)] * gauss::kCartCount[static_cast<std::size_t>(typeB)];
     int lo = 0, hi = static_cast<int>(kLengths.size()) - 1;
     while (lo <= hi) {
         const int mid = (lo + hi) / 2;

@@ -11,10 +11,10 @@
 #include "common/fatal.h"
 #include "elepot/accum.h"
 #include "elepot/fmch.h"
-#include "elepot/gtoprod.h"
 #include "elepot/kernels.h"
-#include "moldata/shell_types.h"
-#include "moldata/spherical.h"
+#include "gauss/gtoprod.h"
+#include "gauss/shell_types.h"
+#include "gauss/spherical.h"
 
 // BLAS (Fortran calling convention; the trailing length belongs to TRANS).
 extern "C" void dgemv_(const char* trans, const int* m, const int* n, const double* alpha, const double* a,
@@ -23,8 +23,8 @@ extern "C" void dgemv_(const char* trans, const int* m, const int* n, const doub
 
 namespace kvx::elepot {
 
-using moldata::kAngular;
-using moldata::kCartCount;
+using gauss::kAngular;
+using gauss::kCartCount;
 using moldata::Shell;
 using std::size_t;
 
@@ -128,7 +128,7 @@ bool shell_usable(const Shell& sh, int nbasis) {
     // Counts far beyond any real basis would only size absurd work arrays.
     if (sh.nprim < 1 || sh.nprim > 4096 || sh.ngc < 1 || sh.ngc > 4096 || (sh.type == 3 && sh.ngc != 1))
         return false;
-    if (sh.size != moldata::kShellSize[sh.type] || !sh.center) return false;
+    if (sh.size != gauss::kShellSize[sh.type] || !sh.center) return false;
     if (!sh.basdat || !sh.prefact) return false;
     if (sh.basdat->size() < static_cast<size_t>(sh.nprim) * sh.row_length()) return false;
     if (sh.prefact->size() < static_cast<size_t>(sh.nprim)) return false;
@@ -142,8 +142,8 @@ bool shell_usable(const Shell& sh, int nbasis) {
 // over the term list (a+b, nu). The line-independent coefficient is formed
 // once and applied to all lines, so each entry still sums its terms in list
 // order.
-void line_factors(const ElepotState& S, double* cf, size_t cf_line, const double* pcpow, size_t pc_line,
-                  int nlines, const FjTable& ft, int lA, int lB, const double* powe, int nu_stride) {
+void line_factors(const ElepotState& S, double* cf, size_t cf_line, const double* pcpow, size_t pc_line, int nlines,
+                  const gauss::FjTable& ft, int lA, int lB, const double* powe, int nu_stride) {
     for (int a = 0; a <= lA; ++a)
         for (int b = 0; b <= lB; ++b) {
             const int lam = a + b;
@@ -185,10 +185,10 @@ int elepot_init(const moldata::Molecule* mol, const grid::Grid* grid, double mem
     int L = 0, maxcomp = 0, maxcontr = 0, maxfun = 0, maxprim = 0;
     for (const Shell& sh : mol->shells) {
         if (!shell_usable(sh, mol->nbasis)) return 0;
-        L = std::max(L, kAngular[sh.type]);
-        maxcomp = std::max(maxcomp, kCartCount[sh.type]);
+        L = std::max(L, gauss::kAngular[sh.type]);
+        maxcomp = std::max(maxcomp, gauss::kCartCount[sh.type]);
         maxcontr = std::max(maxcontr, sh.ncontr());
-        maxfun = std::max(maxfun, sh.ngc * kCartCount[sh.type]);
+        maxfun = std::max(maxfun, sh.ngc * gauss::kCartCount[sh.type]);
         maxprim = std::max(maxprim, sh.nprim);
     }
     if (!mol->density || mol->density->n < mol->nbasis) return 0;
@@ -244,7 +244,7 @@ int elepot_init(const moldata::Molecule* mol, const grid::Grid* grid, double mem
     S.nz = nz;
     S.nF = std::max(2 * L, 2);
     fmch_init(2 * L);
-    binom_grow(L);
+    gauss::binom_grow(L);
     grid::grid_install(grid);
     S.grid = grid;
     S.thresh = thresh;
@@ -320,7 +320,7 @@ void pot_ints(PotShare& share) {
     };
     auto ftab = [&](const char* name) {
         return common::alloc_or_die(fail(name), [&] {
-            FjTable t;
+            gauss::FjTable t;
             t.v.assign(static_cast<size_t>(L + 1) * (L + 1) * nu_stride, 0.0);
             t.shape(L, L, nu_stride);
             return t;
@@ -332,9 +332,9 @@ void pot_ints(PotShare& share) {
     std::vector<double> cfl = vec("cfl", static_cast<size_t>(nx) * mp2 * pair_cf);
     std::vector<double> cfm = vec("cfm", static_cast<size_t>(ny) * mp2 * pair_cf);
     std::vector<double> cfn = vec("cfn", static_cast<size_t>(nz) * mp2 * pair_cf);
-    FjTable ftabx = ftab("ftabx");
-    FjTable ftaby = ftab("ftaby");
-    FjTable ftabz = ftab("ftabz");
+    gauss::FjTable ftabx = ftab("ftabx");
+    gauss::FjTable ftaby = ftab("ftaby");
+    gauss::FjTable ftabz = ftab("ftabz");
     std::vector<double> powe = vec("powe", static_cast<size_t>(nF) + 1);
     // Line coordinates travel with their power tables.
     std::vector<double> pcpowx = vec("pcpowx", static_cast<size_t>(nx) * mp2 * pc_pair);
@@ -415,8 +415,8 @@ void pot_ints(PotShare& share) {
             const Shell& B = share.shells[J];
 
             const int tA = A.type, tB = B.type;
-            const int lA = kAngular[tA], lB = kAngular[tB];
-            const int compA = kCartCount[tA], compB = kCartCount[tB];
+            const int lA = gauss::kAngular[tA], lB = gauss::kAngular[tB];
+            const int compA = gauss::kCartCount[tA], compB = gauss::kCartCount[tB];
             const int ncA = A.ngc, ncB = B.ngc;  // an sp shell: one contraction of s, x, y, z
             const int colsA = A.ncontr(), colsB = B.ncontr();
             const int lab = lA + lB;
@@ -486,17 +486,20 @@ void pot_ints(PotShare& share) {
                                         ccb[static_cast<size_t>(c2 * compB + j)] * pre;
 
                     for (int i = 0; i < nx; ++i)
-                        powx(pcpowx.data() + i * pc_line + pp * pc_pair, P[0] - linex[static_cast<size_t>(i)], npow);
+                        gauss::powx(pcpowx.data() + i * pc_line + pp * pc_pair, P[0] - linex[static_cast<size_t>(i)],
+                                    npow);
                     for (int j = 0; j < ny; ++j)
-                        powx(pcpowy.data() + j * pc_line + pp * pc_pair, P[1] - liney[static_cast<size_t>(j)], npow);
+                        gauss::powx(pcpowy.data() + j * pc_line + pp * pc_pair, P[1] - liney[static_cast<size_t>(j)],
+                                    npow);
                     for (int k = 0; k < nz; ++k)
-                        powx(pcpowz.data() + k * pc_line + pp * pc_pair, P[2] - linez[static_cast<size_t>(k)], npow);
+                        gauss::powx(pcpowz.data() + k * pc_line + pp * pc_pair, P[2] - linez[static_cast<size_t>(k)],
+                                    npow);
 
                     if (!both_s) {
-                        powx(powe.data(), 0.25 / g, lab);  // eps = 1/(4 gamma)
-                        fjtab(ftabx, lA, lB, P[0] - Ac[0], P[0] - Bc[0]);
-                        fjtab(ftaby, lA, lB, P[1] - Ac[1], P[1] - Bc[1]);
-                        fjtab(ftabz, lA, lB, P[2] - Ac[2], P[2] - Bc[2]);
+                        gauss::powx(powe.data(), 0.25 / g, lab);  // eps = 1/(4 gamma)
+                        gauss::fjtab(ftabx, lA, lB, P[0] - Ac[0], P[0] - Bc[0]);
+                        gauss::fjtab(ftaby, lA, lB, P[1] - Ac[1], P[1] - Bc[1]);
+                        gauss::fjtab(ftabz, lA, lB, P[2] - Ac[2], P[2] - Bc[2]);
                         line_factors(S, cfl.data() + pp * pair_cf, cf_line, pcpowx.data() + pp * pc_pair, pc_line,
                                      nx, ftabx, lA, lB, powe.data(), nu_stride);
                         line_factors(S, cfm.data() + pp * pair_cf, cf_line, pcpowy.data() + pp * pc_pair, pc_line,
@@ -558,8 +561,8 @@ void pot_ints(PotShare& share) {
                         }
                     }
 
-                    if (moldata::is_spherical(tA) || moldata::is_spherical(tB))
-                        moldata::spherical_transform(intcf.data(), np, static_cast<size_t>(blocklen), tA, tB, ncA, ncB);
+                    if (gauss::is_spherical(tA) || gauss::is_spherical(tB))
+                        gauss::spherical_transform(intcf.data(), np, static_cast<size_t>(blocklen), tA, tB, ncA, ncB);
                     // out[slice] += -1 * A^T mult, one column of A per point.
                     const char trans = 'T';
                     const double alpha = -1.0, beta = 1.0;

@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "common/fatal.h"
-#include "elepot/dfact.h"
+#include "gauss/dfact.h"
 
 namespace kvx::elepot {
 
@@ -35,7 +35,7 @@ double asymptotic(int n, double x) {
         const double h = 0.5 / x;
         double p = h;
         for (int k = 1; k < n; ++k) p *= h;  // (0.5/x)^n without a pow call
-        v *= p * dfact(2 * n - 1);
+        v *= p * gauss::dfact(2 * n - 1);
     }
     return v;
 }
@@ -64,14 +64,14 @@ void fmch_init(int n) {
         double v = 1.0;
         for (std::size_t k = 0; k < len; ++k, v *= 0.5) g.dmv[k] = v;
     });
-    dfact_grow(2 * (n + kTaylor) - 1);
+    gauss::dfact_grow(2 * (n + kTaylor) - 1);
     g.top = fmch_table(n);
 }
 
 int fmch_table(int n) {
     if (n <= g.top) return g.top;
     const int N = n + kTaylor;
-    dfact_grow(2 * (N + 1));
+    gauss::dfact_grow(2 * (N + 1));
 
     // Orders above the old top only fed its Taylor expansion; rebuilt below.
     for (int k = g.top + 1; k <= g.top + kTaylor && k < static_cast<int>(g.tab.size()); ++k) {

@@ -6,13 +6,13 @@
 #include <type_traits>
 #include <utility>
 
-#include "moldata/shell_types.h"
+#include "gauss/shell_types.h"
 
 namespace kvx::elepot {
 
 namespace {
 
-using moldata::CartExp;
+using gauss::CartExp;
 
 // Directions ordered by degree, smallest first (outermost loop), by the
 // three-comparison network x/y, then the larger of those with z, then the
@@ -43,12 +43,12 @@ constexpr std::array<int, 5> kClassL = {0, 1, 1, 2, 3};
 constexpr std::array<int, 5> kClassComp = {1, 3, 4, 6, 10};
 
 template <int C>
-constexpr CartExp class_exp(int k) {
-    if constexpr (C == 0) return CartExp{0, 0, 0};
-    if constexpr (C == 1) return moldata::kCart1[static_cast<std::size_t>(k)];
-    if constexpr (C == 2) return k == 0 ? CartExp{0, 0, 0} : moldata::kCart1[static_cast<std::size_t>(k - 1)];
-    if constexpr (C == 3) return moldata::kCart2[static_cast<std::size_t>(k)];
-    return moldata::kCart3[static_cast<std::size_t>(k)];
+constexpr gauss::CartExp class_exp(int k) {
+    if constexpr (C == 0) return gauss::CartExp{0, 0, 0};
+    if constexpr (C == 1) return gauss::kCart1[static_cast<std::size_t>(k)];
+    if constexpr (C == 2) return k == 0 ? gauss::CartExp{0, 0, 0} : gauss::kCart1[static_cast<std::size_t>(k - 1)];
+    if constexpr (C == 3) return gauss::kCart2[static_cast<std::size_t>(k)];
+    return gauss::kCart3[static_cast<std::size_t>(k)];
 }
 
 // f(integral_constant<int, 0>), ..., f(integral_constant<int, N-1>), in order.
@@ -64,8 +64,8 @@ inline __attribute__((always_inline)) void static_for(Fn&& f) {
 template <int CA, int CB, int I, int J>
 inline __attribute__((always_inline)) double element(const double* X, const double* Y, const double* Z, int ns,
                                                      const double* F) {
-    constexpr CartExp a = class_exp<CA>(I);
-    constexpr CartExp b = class_exp<CB>(J);
+    constexpr gauss::CartExp a = class_exp<CA>(I);
+    constexpr gauss::CartExp b = class_exp<CB>(J);
     constexpr int lB1 = kClassL[CB] + 1;
     constexpr DirOrder o = order_dirs(a.x + b.x, a.y + b.y, a.z + b.z);
     constexpr int row[3] = {a.x * lB1 + b.x, a.y * lB1 + b.y, a.z * lB1 + b.z};
@@ -115,24 +115,24 @@ constexpr auto kKernels = make_table(std::make_integer_sequence<int, 25>{});
 }  // namespace
 
 KernelFn select_kernel(int typeA, int typeB) {
-    if (typeA < 0 || typeA >= moldata::kNumShellTypes || typeB < 0 || typeB >= moldata::kNumShellTypes)
+    if (typeA < 0 || typeA >= gauss::kNumShellTypes || typeB < 0 || typeB >= gauss::kNumShellTypes)
         return &generic_kernel;
-    const int cA = moldata::kShellClass[static_cast<std::size_t>(typeA)];
-    const int cB = moldata::kShellClass[static_cast<std::size_t>(typeB)];
+    const int cA = gauss::kShellClass[static_cast<std::size_t>(typeA)];
+    const int cB = gauss::kShellClass[static_cast<std::size_t>(typeB)];
     if (cA > 4 || cB > 4) return &generic_kernel;
     return kKernels[static_cast<std::size_t>(5 * cA + cB)];
 }
 
 void generic_kernel(int typeA, int typeB, const double* X, const double* Y, const double* Z, int ns,
                     const double* F, double* out) {
-    const int nA = moldata::kCartCount[static_cast<std::size_t>(typeA)];
-    const int nB = moldata::kCartCount[static_cast<std::size_t>(typeB)];
-    const int lB1 = moldata::kAngular[static_cast<std::size_t>(typeB)] + 1;
+    const int nA = gauss::kCartCount[static_cast<std::size_t>(typeA)];
+    const int nB = gauss::kCartCount[static_cast<std::size_t>(typeB)];
+    const int lB1 = gauss::kAngular[static_cast<std::size_t>(typeB)] + 1;
     const double* base[3] = {X, Y, Z};
     for (int i = 0; i < nA; ++i) {
-        const CartExp a = moldata::type_exponents(typeA, i);
+        const gauss::CartExp a = gauss::type_exponents(typeA, i);
         for (int j = 0; j < nB; ++j) {
-            const CartExp b = moldata::type_exponents(typeB, j);
+            const gauss::CartExp b = gauss::type_exponents(typeB, j);
             const DirOrder o = order_dirs(a.x + b.x, a.y + b.y, a.z + b.z);
             const int row[3] = {a.x * lB1 + b.x, a.y * lB1 + b.y, a.z * lB1 + b.z};
             const double* W1 = base[o.dir[0]] + row[o.dir[0]] * ns;

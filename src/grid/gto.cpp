@@ -6,8 +6,8 @@
 #include <utility>
 
 #include "common/fatal.h"
-#include "elepot/gtoprod.h"
-#include "moldata/spherical.h"
+#include "gauss/gtoprod.h"
+#include "gauss/spherical.h"
 
 namespace kvx::grid {
 
@@ -74,7 +74,7 @@ void fill_axis(PowerTable& t, int axis, int npoints, const std::vector<std::arra
             if (std::fabs(d) > rmax[a]) continue;  // no shell of a reaches this plane
             const std::size_t at = t.powers.size();
             t.powers.resize(at + lmax[a] + 1);
-            elepot::powx(t.powers.data() + at, d, lmax[a]);
+            gauss::powx(t.powers.data() + at, d, lmax[a]);
             t.offset[static_cast<std::size_t>(i) * natoms + a] = static_cast<std::ptrdiff_t>(at);
         }
     }
@@ -236,9 +236,9 @@ namespace {
 
 // The cartesian monomials x^ax y^ay z^az of a type's degree, in component order.
 void monomials(int type, const double* x, const double* y, const double* z, double* out) {
-    const int l = moldata::kAngular[static_cast<std::size_t>(type)];
-    for (int k = 0; k < moldata::kCartCount[static_cast<std::size_t>(type)]; ++k) {
-        const moldata::CartExp e = moldata::cart_exponents(l, k);
+    const int l = gauss::kAngular[static_cast<std::size_t>(type)];
+    for (int k = 0; k < gauss::kCartCount[static_cast<std::size_t>(type)]; ++k) {
+        const gauss::CartExp e = gauss::cart_exponents(l, k);
         out[k] = x[e.x] * y[e.y] * z[e.z];
     }
 }
@@ -288,7 +288,7 @@ double comp_cterm(double* factors, double* cache, const double* pdx, const doubl
             // monomials, as in the integral blocks.
             double c[21];
             monomials(type, x, y, z, c);
-            moldata::spherical_combine(type, c, f);
+            gauss::spherical_combine(type, c, f);
             break;
         }
         default: break;

@@ -23,10 +23,10 @@
 namespace kvx::grid {
 
 // Angular power used for a shell's radius, per type code: the shell's l.
-inline constexpr const auto& kRangePower = moldata::kAngular;
+inline constexpr const auto& kRangePower = gauss::kAngular;
 // Coefficients per contracted function, per type code: the shell size
 // (spherical counts; 4 for sp).
-inline constexpr const auto& kGtoComponents = moldata::kShellSize;
+inline constexpr const auto& kGtoComponents = gauss::kShellSize;
 
 // Angular factor area: kFactorBlocks blocks of kFactorBlock doubles, plus a
 // cache of kFactorBlocks slots (largest |factor| of a type, 0 = not formed).

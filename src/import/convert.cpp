@@ -8,11 +8,11 @@
 #include <cstdio>
 #include <filesystem>
 
+#include "gauss/spherical.h"
 #include "import/harmonics.h"
 #include "moldata/basis.h"
 #include "moldata/orbitals.h"
 #include "moldata/reader.h"
-#include "moldata/spherical.h"
 #include "moldata/symbols.h"
 
 namespace kvx::import {
@@ -52,26 +52,26 @@ std::vector<double> source_functions(const SourceShell& s, const CartesianConven
                           0);
     const auto& order = conv.order[static_cast<std::size_t>(s.l)];
     for (int m = 0; m < nf; ++m) {
-        const moldata::CartExp e = order[static_cast<std::size_t>(m)];
-        const moldata::CartExp unit = norm == CartesianNorm::EachFunction ? e : moldata::CartExp{s.l, 0, 0};
+        const gauss::CartExp e = order[static_cast<std::size_t>(m)];
+        const gauss::CartExp unit = norm == CartesianNorm::EachFunction ? e : gauss::CartExp{s.l, 0, 0};
         T[static_cast<std::size_t>(m) * nm + cart_index(e)] = 1.0 / std::sqrt(monomial_overlap(unit, unit));
     }
     return T;
 }
 
 std::vector<double> kalvex_functions(int type) {
-    const int l = moldata::kAngular[type];
+    const int l = gauss::kAngular[type];
     const int nm = type == 3 ? 4 : cart_count(l);
-    const int nk = moldata::kShellSize[type];
+    const int nk = gauss::kShellSize[type];
     std::vector<double> K(static_cast<std::size_t>(nk) * nm, 0.0);
     // A component carries F a^(l/2) where a normalised x^c R would carry
     // 2^l a^(l/2) (s and p: F = 2^l), so it is F / 2^l times x^c R.
-    const double scale = type == 3 ? 1.0 : moldata::kNormF[type] / std::ldexp(1.0, l);
+    const double scale = type == 3 ? 1.0 : gauss::kNormF[type] / std::ldexp(1.0, l);
     std::vector<double> unit(static_cast<std::size_t>(nm)), row(static_cast<std::size_t>(nk));
     for (int c = 0; c < nm; ++c) {
         std::fill(unit.begin(), unit.end(), 0.0);
         unit[static_cast<std::size_t>(c)] = 1.0;
-        moldata::spherical_combine(type, unit.data(), row.data());
+        gauss::spherical_combine(type, unit.data(), row.data());
         for (int k = 0; k < nk; ++k) K[static_cast<std::size_t>(k) * nm + c] = scale * row[static_cast<std::size_t>(k)];
     }
     return K;
@@ -409,7 +409,7 @@ ImportReport write_kalvex_job(const SourceJob& job, const std::string& jobname, 
         for (int si : atom_shells[static_cast<std::size_t>(a)]) {
             const int type = kalvex_type(job.shells[static_cast<std::size_t>(si)]);
             targets.push_back({a, si, type, 0, false});
-            nbasis += moldata::kShellSize[type];
+            nbasis += gauss::kShellSize[type];
             nprim += static_cast<int>(job.shells[static_cast<std::size_t>(si)].exponents.size());
         }
     if (targets.empty()) throw ImportError("the file holds no basis functions", 0);
@@ -468,7 +468,7 @@ ImportReport write_kalvex_job(const SourceJob& job, const std::string& jobname, 
         std::vector<double> C(set.size() * static_cast<std::size_t>(nbasis), 0.0);
         for (const TargetShell& t : targets) {
             const SourceShell& s = job.shells[static_cast<std::size_t>(t.source)];
-            const int nm = shell_monomials(s), nf = s.nfunc(), nk = moldata::kShellSize[t.type];
+            const int nm = shell_monomials(s), nf = s.nfunc(), nk = gauss::kShellSize[t.type];
             const std::vector<double> M = coefficient_map(source_functions(s, job.cartesian, norm), nf,
                                                           kalvex_functions(t.type), nk, nm);
             const int src0 = source_first[static_cast<std::size_t>(t.source)];

@@ -22,7 +22,7 @@ double binomial(int n, int k) {
 
 }  // namespace
 
-double monomial_overlap(moldata::CartExp a, moldata::CartExp b) {
+double monomial_overlap(gauss::CartExp a, gauss::CartExp b) {
     const int e[3] = {a.x + b.x, a.y + b.y, a.z + b.z};
     double r = 1;
     for (int n : e) {
@@ -32,11 +32,11 @@ double monomial_overlap(moldata::CartExp a, moldata::CartExp b) {
     return r;
 }
 
-int cart_index(moldata::CartExp a) {
+int cart_index(gauss::CartExp a) {
     const int l = a.x + a.y + a.z;
     if (a.x < 0 || a.y < 0 || a.z < 0 || l > 6) return -1;
     for (int k = 0; k < cart_count(l); ++k) {
-        const moldata::CartExp c = moldata::cart_exponents(l, k);
+        const gauss::CartExp c = gauss::cart_exponents(l, k);
         if (c.x == a.x && c.y == a.y && c.z == a.z) return k;
     }
     return -1;
@@ -56,13 +56,13 @@ std::vector<double> solid_harmonics(int l) {
                     const int sign = ((t + (v2 - vm2) / 2) % 2) ? -1 : 1;
                     const double c = sign * std::pow(0.25, t) * binomial(l, t) * binomial(l - t, am + t) *
                                      binomial(t, u) * binomial(am, v2);
-                    const moldata::CartExp e{2 * t + am - 2 * u - v2, 2 * u + v2, l - 2 * t - am};
+                    const gauss::CartExp e{2 * t + am - 2 * u - v2, 2 * u + v2, l - 2 * t - am};
                     s[cart_index(e)] += c;
                 }
         double norm = 0;
         for (int a = 0; a < nc; ++a)
             for (int b = 0; b < nc; ++b)
-                norm += s[a] * s[b] * monomial_overlap(moldata::cart_exponents(l, a), moldata::cart_exponents(l, b));
+                norm += s[a] * s[b] * monomial_overlap(gauss::cart_exponents(l, a), gauss::cart_exponents(l, b));
         for (int a = 0; a < nc; ++a) s[a] /= std::sqrt(norm);
     }
     return out;

@@ -8,19 +8,19 @@
 
 #include <vector>
 
-#include "moldata/shell_types.h"
+#include "gauss/shell_types.h"
 
 namespace kvx::import {
 
 // Overlap of two monomials over the common radial part.
-double monomial_overlap(moldata::CartExp a, moldata::CartExp b);
+double monomial_overlap(gauss::CartExp a, gauss::CartExp b);
 
 // Number of cartesian monomials of degree l.
 inline constexpr int cart_count(int l) { return (l + 1) * (l + 2) / 2; }
 
 // Index of a monomial among Kalvex's components of degree a.x + a.y + a.z
 // (order of moldata::cart_exponents); -1 when none.
-int cart_index(moldata::CartExp a);
+int cart_index(gauss::CartExp a);
 
 // The 2l + 1 real solid harmonics of degree l (m = 0, +1, -1, +2, -2, ...),
 // each normalised, as rows of a (2l + 1) x cart_count(l) matrix over

@@ -26,8 +26,8 @@ std::string section_name(const std::string& line, std::string* rest = nullptr) {
     return lower(trim(t.substr(1, close - 1)));
 }
 
-moldata::CartExp exponents_of(const char* letters) {
-    moldata::CartExp e{0, 0, 0};
+gauss::CartExp exponents_of(const char* letters) {
+    gauss::CartExp e{0, 0, 0};
     for (const char* p = letters; *p; ++p) {
         if (*p == 'x') ++e.x;
         if (*p == 'y') ++e.y;

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "moldata/shell_types.h"
+#include "gauss/shell_types.h"
 
 namespace kvx::import {
 
@@ -48,7 +48,7 @@ struct SourceOrbital {
 struct CartesianConvention {
     // order[l][m]: cartesian exponents of source function m of a shell of
     // angular momentum l (l = 0..6); empty when the program defines none.
-    std::vector<std::vector<moldata::CartExp>> order;
+    std::vector<std::vector<gauss::CartExp>> order;
 };
 
 struct SourceJob {

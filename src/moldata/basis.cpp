@@ -15,8 +15,8 @@ namespace kvx::moldata {
 
 namespace {
 
-constexpr const char* kLabels[kNumShellTypes] = {"", "s", "p", "l", "d", "d6", "f", "f10", "g15", "h21", "i28",
-                                                 "g", "h", "i"};
+constexpr const char* kLabels[gauss::kNumShellTypes] = {"",    "s",   "p",   "l",   "d", "d6", "f",
+                                                        "f10", "g15", "h21", "i28", "g", "h",  "i"};
 
 // (2/pi)^(3/4)
 constexpr double kPrefactConst = 0.7127054703549901;
@@ -42,7 +42,7 @@ bool check_size(long long nfunc, std::string& why) {
 }  // namespace
 
 int shell_type_of_label(std::string_view label) {
-    for (int t = 1; t < kNumShellTypes; ++t)
+    for (int t = 1; t < gauss::kNumShellTypes; ++t)
         if (label == kLabels[t]) return t;
     return 0;
 }
@@ -70,8 +70,10 @@ void normalise_shell_data(int type, int nprim, int ngc, std::vector<double>& b) 
         for (int i = 0; i < nprim; ++i) {
             for (int k = 0; k < nprim; ++k) {
                 const double ai = b[3 * i], ak = b[3 * k];
-                ss += b[3 * i + 1] * b[3 * k + 1] * kNormK[1] * std::pow(ai * ak, 0.75) * std::pow(ai + ak, -1.5);
-                sp += b[3 * i + 2] * b[3 * k + 2] * kNormK[2] * std::pow(ai * ak, 1.25) * std::pow(ai + ak, -2.5);
+                ss +=
+                    b[3 * i + 1] * b[3 * k + 1] * gauss::kNormK[1] * std::pow(ai * ak, 0.75) * std::pow(ai + ak, -1.5);
+                sp +=
+                    b[3 * i + 2] * b[3 * k + 2] * gauss::kNormK[2] * std::pow(ai * ak, 1.25) * std::pow(ai + ak, -2.5);
             }
         }
         const double ns = 1.0 / std::sqrt(ss), np = 2.0 / std::sqrt(sp);
@@ -82,7 +84,8 @@ void normalise_shell_data(int type, int nprim, int ngc, std::vector<double>& b) 
         return;
     }
     const int row = ngc + 1;
-    const double e = kNormExponent[type], half_l = kNormPower[type], k_norm = kNormK[type], f = kNormF[type];
+    const double e = gauss::kNormExponent[type], half_l = gauss::kNormPower[type], k_norm = gauss::kNormK[type],
+                 f = gauss::kNormF[type];
     for (int j = 1; j <= ngc; ++j) {
         double s = 0;
         for (int i = 0; i < nprim; ++i) {
@@ -100,7 +103,7 @@ bool make_shell(int type, int nprim, std::vector<double> data, std::string_view 
                 const std::vector<Atom>& atoms, const std::vector<std::string>& labels,
                 std::vector<Shell>& shells, long long& counter, std::string& why) {
     if (data.empty()) return true;
-    if (type < 1 || type >= kNumShellTypes) {
+    if (type < 1 || type >= gauss::kNumShellTypes) {
         why = "numbers outside a shell";
         return false;
     }
@@ -126,7 +129,7 @@ bool make_shell(int type, int nprim, std::vector<double> data, std::string_view 
         return p;
     });
     auto basdat = std::make_shared<const std::vector<double>>(std::move(data));
-    const int size = kShellSize[type];
+    const int size = gauss::kShellSize[type];
     for (std::size_t a = 0; a < atoms.size() && a < labels.size(); ++a) {
         if (labels[a] != basis_name) continue;
         Shell s;

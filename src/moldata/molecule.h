@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "moldata/shell_types.h"
+#include "gauss/shell_types.h"
 
 namespace kvx::grid {
 struct RangeTable;  // screening radii cached on the molecule by the grid code

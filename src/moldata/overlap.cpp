@@ -4,9 +4,9 @@
 #include <cmath>
 
 #include "common/fatal.h"
-#include "elepot/dfact.h"
-#include "elepot/gtoprod.h"
-#include "moldata/spherical.h"
+#include "gauss/dfact.h"
+#include "gauss/gtoprod.h"
+#include "gauss/spherical.h"
 
 namespace kvx::moldata {
 
@@ -21,27 +21,26 @@ struct OverlapScratch {
     std::vector<double> ca, cb;    // per-primitive contraction coefficients
     std::vector<double> prim;      // one primitive pair, cartesian
     std::vector<double> pw;        // (2 gamma)^(-k) (2k-1)!!
-    elepot::FjTable fx, fy, fz;    // f_j(a, b) per direction
+    gauss::FjTable fx, fy, fz;     // f_j(a, b) per direction
     std::vector<double> sx, sy, sz;  // I_d(a, b) = sum_j even f_j pw[j/2]
     int fj_l = -1;
 };
 OverlapScratch g_ov;
 
-int shell_l(const Shell& s) { return kAngular[s.type]; }
+int shell_l(const Shell& s) { return gauss::kAngular[s.type]; }
 // Contractions in the block: type 3 is one contraction of s, x, y, z.
 int block_ncontr(const Shell& s) { return s.type == 3 ? 1 : s.ngc; }
 
 bool valid_shell(const Shell& s) {
-    return s.type >= 1 && s.type < kNumShellTypes && s.nprim > 0 && s.basdat && s.center &&
-           block_ncontr(s) > 0 &&
-           s.basdat->size() >= static_cast<std::size_t>(s.nprim) * s.row_length();
+    return s.type >= 1 && s.type < gauss::kNumShellTypes && s.nprim > 0 && s.basdat && s.center &&
+           block_ncontr(s) > 0 && s.basdat->size() >= static_cast<std::size_t>(s.nprim) * s.row_length();
 }
 
 // Cartesian block of the pair into g_ov.block, then the spherical transform.
 // Returns the number of doubles of the transformed block.
 std::size_t pair_block(const Shell& A, const Shell& B) {
     const int lA = shell_l(A), lB = shell_l(B);
-    const int nA = block_cart_count(A.type), nB = block_cart_count(B.type);
+    const int nA = gauss::block_cart_count(A.type), nB = gauss::block_cart_count(B.type);
     const int gA = block_ncontr(A), gB = block_ncontr(B);
     const std::size_t sub = static_cast<std::size_t>(nA) * nB;
     const std::size_t total = sub * gA * gB;
@@ -54,9 +53,9 @@ std::size_t pair_block(const Shell& A, const Shell& B) {
     double* blk = g_ov.block.data();
     std::fill(blk, blk + total, 0.0);
 
-    CartExp eA[kMaxCart], eB[kMaxCart];
-    for (int i = 0; i < nA; ++i) eA[i] = type_exponents(A.type, i);
-    for (int i = 0; i < nB; ++i) eB[i] = type_exponents(B.type, i);
+    gauss::CartExp eA[kMaxCart], eB[kMaxCart];
+    for (int i = 0; i < nA; ++i) eA[i] = gauss::type_exponents(A.type, i);
+    for (int i = 0; i < nB; ++i) eB[i] = gauss::type_exponents(B.type, i);
 
     const double AB[3] = {B.center->x - A.center->x, B.center->y - A.center->y, B.center->z - A.center->z};
     const double r2 = AB[0] * AB[0] + AB[1] * AB[1] + AB[2] * AB[2];
@@ -83,14 +82,14 @@ std::size_t pair_block(const Shell& A, const Shell& B) {
             // zero for two shells on one atom.
             const double fa = beta / gamma, fb = -alpha / gamma;
             for (int k = 0; k <= lmax / 2; ++k)
-                pw[k] = std::pow(0.5 / gamma, k) * (k >= 2 ? elepot::dfact(2 * k - 1) : 1.0);
+                pw[k] = std::pow(0.5 / gamma, k) * (k >= 2 ? gauss::dfact(2 * k - 1) : 1.0);
 
-            elepot::FjTable* tabs[3] = {&g_ov.fx, &g_ov.fy, &g_ov.fz};
+            gauss::FjTable* tabs[3] = {&g_ov.fx, &g_ov.fy, &g_ov.fz};
             double* sums[3] = {g_ov.sx.data(), g_ov.sy.data(), g_ov.sz.data()};
             for (int d = 0; d < 3; ++d) {
-                elepot::FjTable& t = *tabs[d];
+                gauss::FjTable& t = *tabs[d];
                 t.shape(lA, lB, lmax + 1);
-                elepot::fjtab(t, lA, lB, fa * AB[d], fb * AB[d]);
+                gauss::fjtab(t, lA, lB, fa * AB[d], fb * AB[d]);
                 for (int a = 0; a <= lA; ++a)
                     for (int b = 0; b <= lB; ++b) {
                         const double* f = t.row(a, b);
@@ -100,9 +99,9 @@ std::size_t pair_block(const Shell& A, const Shell& B) {
                     }
             }
             for (int i = 0; i < nA; ++i) {
-                const CartExp& ea = eA[i];
+                const gauss::CartExp& ea = eA[i];
                 for (int j = 0; j < nB; ++j) {
-                    const CartExp& eb = eB[j];
+                    const gauss::CartExp& eb = eB[j];
                     prim[i * nB + j] = pref * sums[0][ea.x * wb + eb.x] * sums[1][ea.y * wb + eb.y] *
                                        sums[2][ea.z * wb + eb.z];
                 }
@@ -121,8 +120,8 @@ std::size_t pair_block(const Shell& A, const Shell& B) {
                 }
         }
     }
-    spherical_transform(blk, 1, total, A.type, B.type, gA, gB);
-    return static_cast<std::size_t>(block_sph_count(A.type)) * block_sph_count(B.type) * gA * gB;
+    gauss::spherical_transform(blk, 1, total, A.type, B.type, gA, gB);
+    return static_cast<std::size_t>(gauss::block_sph_count(A.type)) * gauss::block_sph_count(B.type) * gA * gB;
 }
 
 }  // namespace
@@ -146,7 +145,7 @@ void ov_intp(int n) {
 void ov_pow(int n) {
     const std::size_t need = static_cast<std::size_t>(std::max(n, 1)) + 1;
     if (g_ov.pw.size() < need) common::alloc_or_die("Overlap ov_pow: array allocation failed.", [&] { g_ov.pw.resize(need); });
-    elepot::dfact_grow(2 * static_cast<int>(need) - 1);
+    gauss::dfact_grow(2 * static_cast<int>(need) - 1);
 }
 
 void ov_fjtab(int l) {
@@ -156,7 +155,7 @@ void ov_fjtab(int l) {
         g_ov.sx.resize(n);
         g_ov.sy.resize(n);
         g_ov.sz.resize(n);
-        for (elepot::FjTable* t : {&g_ov.fx, &g_ov.fy, &g_ov.fz}) {
+        for (gauss::FjTable* t : {&g_ov.fx, &g_ov.fy, &g_ov.fz}) {
             t->v.clear();
             t->shape(l, l, 2 * l + 1);
         }
@@ -173,8 +172,8 @@ void overlap_prepare(const Molecule& mol) {
     int ncomp = 2, nc = 1, lmax = 0;
     for (const Shell& s : mol.shells) {
         if (!valid_shell(s)) continue;
-        ncomp = std::max(ncomp, block_cart_count(s.type) * block_ncontr(s));
-        nc = std::max(nc, block_cart_count(s.type));
+        ncomp = std::max(ncomp, gauss::block_cart_count(s.type) * block_ncontr(s));
+        nc = std::max(nc, gauss::block_cart_count(s.type));
         lmax = std::max(lmax, shell_l(s));
     }
     ov_intc(ncomp);
@@ -201,7 +200,7 @@ void comp_overlap(const Molecule& mol, TriMatrix& s) {
             if (!valid_shell(B)) continue;
             pair_block(A, B);
             const double* v = g_ov.block.data();
-            const int rA = block_sph_count(A.type), rB = block_sph_count(B.type);
+            const int rA = gauss::block_sph_count(A.type), rB = gauss::block_sph_count(B.type);
             const int gA = block_ncontr(A), gB = block_ncontr(B);
             for (int g = 0; g < gA; ++g)
                 for (int h = 0; h < gB; ++h)

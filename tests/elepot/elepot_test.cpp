@@ -1,6 +1,8 @@
 // Electrostatic potential on the grid against independent routes: the closed
 // form of an s density, a McMurchie-Davidson evaluation of every integral
 // written here from scratch, and psi4 values for two real jobs.
+#include "elepot/elepot.h"
+
 #include <gtest/gtest.h>
 
 #include <array>
@@ -14,17 +16,17 @@
 #include <vector>
 
 #include "common/fatal.h"
-#include "elepot/elepot.h"
+#include "gauss/shell_types.h"
 #include "grid/grid.h"
 #include "moldata/molecule.h"
 #include "moldata/reader.h"
-#include "moldata/shell_types.h"
 
 namespace {
 
 using kvx::grid::Grid;
 using kvx::moldata::Molecule;
 namespace ep = kvx::elepot;
+namespace gauss = kvx::gauss;
 constexpr double kPi = std::numbers::pi;
 
 // Box of step h around c (a line along x when ndim is 1).
@@ -48,7 +50,7 @@ std::unique_ptr<Molecule> make_molecule(const std::vector<std::array<double, 4>>
         mol->atoms.push_back({.symbol = "X", .x = a[0], .y = a[1], .z = a[2], .nuclear_charge = a[3]});
     int nf = 1;
     for (const ShellDef& sp : shells) {
-        const int size = kvx::moldata::kShellSize[sp.type], row = sp.type == 3 ? 3 : sp.ngc + 1;
+        const int size = gauss::kShellSize[sp.type], row = sp.type == 3 ? 3 : sp.ngc + 1;
         auto pf = std::make_shared<std::vector<double>>();
         for (std::size_t p = 0; p < sp.rows.size(); p += row) pf->push_back(std::pow(2 * sp.rows[p] / kPi, 0.75));
         mol->shells.push_back({sp.type, size, sp.ngc, static_cast<int>(pf->size()), nf,
@@ -135,12 +137,12 @@ std::vector<BasisFn> basis_functions(const Molecule& mol) {
         {4, 5, 4},  {5, 1, -1}, {5, 6, -1}, {5, 8, 4},  {6, 4, b}};
     std::vector<BasisFn> out;
     for (const kvx::moldata::Shell& sh : mol.shells) {
-        const int ncart = kvx::moldata::kCartCount[sh.type];
+        const int ncart = gauss::kCartCount[sh.type];
         for (int c = 0; c < sh.ngc; ++c) {
             std::vector<BasisFn> cart(ncart);
             for (int k = 0; k < ncart; ++k)
                 for (int p = 0; p < sh.nprim; ++p) {
-                    const auto e = kvx::moldata::type_exponents(sh.type, k);
+                    const auto e = gauss::type_exponents(sh.type, k);
                     cart[k].push_back({{sh.center->x, sh.center->y, sh.center->z}, {e.x, e.y, e.z}, sh.exponent(p),
                                        sh.coef(p, sh.type == 3 ? (k > 0) : c) * (*sh.prefact)[p]});
                 }

@@ -1,25 +1,29 @@
 // Per-pair block code: the potential kernels against a brute-force triple
 // sum, the fixed-length accumulators against guard values, and the density
 // gather against a block worked out by hand.
+#include "elepot/kernels.h"
+
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cmath>
 #include <random>
+#include <utility>
 #include <vector>
 
 #include "elepot/accum.h"
-#include "elepot/kernels.h"
+#include "gauss/shell_types.h"
 #include "moldata/molecule.h"
-#include "moldata/shell_types.h"
 
 using namespace kvx::elepot;
+namespace gauss = kvx::gauss;
 
 namespace {
 
 // Cartesian components per shell type 1..13, written out: s, p, sp, d, d6, f,
 // f10, g15, h21, i28, g, h, i.
 constexpr int kComp[14] = {0, 1, 3, 4, 6, 6, 10, 10, 15, 21, 28, 15, 21, 28};
-constexpr const auto& kL = kvx::moldata::kAngular;
+constexpr const auto& kL = gauss::kAngular;
 
 // Random directional tables of one pair, row 0 = [1]; with zeros, about one
 // entry in six is exactly 0 as for a point on a line through P.
@@ -41,8 +45,8 @@ struct Tables {
         v.assign(static_cast<std::size_t>(kComp[tA] * kComp[tB]), 0.0);
         mag = v;
         for (std::size_t ij = 0; ij < v.size(); ++ij) {
-            const auto ea = kvx::moldata::type_exponents(tA, static_cast<int>(ij) / kComp[tB]);
-            const auto eb = kvx::moldata::type_exponents(tB, static_cast<int>(ij) % kComp[tB]);
+            const auto ea = gauss::type_exponents(tA, static_cast<int>(ij) / kComp[tB]);
+            const auto eb = gauss::type_exponents(tB, static_cast<int>(ij) % kComp[tB]);
             const int a[3] = {ea.x, ea.y, ea.z}, b[3] = {eb.x, eb.y, eb.z};
             const double* r[3];
             for (int c = 0; c < 3; ++c) r[c] = (c == 0 ? X : c == 1 ? Y : Z).data() + (a[c] * (kL[tB] + 1) + b[c]) * ns;
@@ -102,6 +106,16 @@ TEST(Accum, EveryTypePairTouchesExactlyItsBlock) {
                     ASSERT_EQ(dst[k], want) << "types " << a << "," << b << " op " << op << " element " << k;
                 }
             }
+}
+
+// A type without components selects nothing; the message goes to stdout.
+TEST(AccumDeathTest, NoRoutineForAnEmptyType) {
+    const std::pair<void (*)(), const char*> cases[] = {
+        {[] { which_intc_zero(0, 5); }, "Accum which_intc_zero: cannot select function"},
+        {[] { which_intc_init(3, 0); }, "Accum which_intc_init: cannot select function"},
+        {[] { which_intc_accum(0, 0); }, "Accum which_intc_accum: cannot select function"},
+    };
+    for (const auto& [call, msg] : cases) EXPECT_EXIT((dup2(2, 1), call()), ::testing::ExitedWithCode(0), msg);
 }
 
 TEST(DensityGather, BlocksByHand) {

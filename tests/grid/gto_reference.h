@@ -102,7 +102,7 @@ struct MolBuilder {
     }
     MolBuilder& shell(int atom, int type, int ngc, std::vector<std::vector<double>> rows) {
         moldata::Shell sh;
-        sh.type = type, sh.size = moldata::kShellSize[type], sh.ngc = ngc, sh.nprim = static_cast<int>(rows.size());
+        sh.type = type, sh.size = gauss::kShellSize[type], sh.ngc = ngc, sh.nprim = static_cast<int>(rows.size());
         auto dat = std::make_shared<std::vector<double>>(), pre = std::make_shared<std::vector<double>>();
         for (const auto& r : rows) {
             if (static_cast<int>(r.size()) != (type == 3 ? 3 : ngc + 1))

@@ -15,13 +15,13 @@
 namespace {
 
 using namespace kvx;
-using moldata::CartExp;
+using gauss::CartExp;
 
 // Laplacian of sum_c s_c x^c, as coefficients over the monomials of degree l - 2.
 std::vector<double> laplacian(const double* s, int l) {
     std::vector<double> out(static_cast<std::size_t>(import::cart_count(l - 2)), 0.0);
     for (int c = 0; c < import::cart_count(l); ++c) {
-        const CartExp e = moldata::cart_exponents(l, c);
+        const gauss::CartExp e = gauss::cart_exponents(l, c);
         const int p[3] = {e.x, e.y, e.z};
         for (int d = 0; d < 3; ++d) {
             if (p[d] < 2) continue;
@@ -49,7 +49,7 @@ TEST(SolidHarmonics, HarmonicAndOrthonormal) {
                 for (int a = 0; a < nc; ++a)
                     for (int b = 0; b < nc; ++b)
                         dot += S[static_cast<std::size_t>(r * nc + a)] * S[static_cast<std::size_t>(q * nc + b)] *
-                               import::monomial_overlap(moldata::cart_exponents(l, a), moldata::cart_exponents(l, b));
+                               import::monomial_overlap(gauss::cart_exponents(l, a), gauss::cart_exponents(l, b));
                 EXPECT_NEAR(dot, r == q ? 1.0 : 0.0, 1e-12) << "l " << l << " rows " << r << " " << q;
             }
         }
@@ -62,7 +62,7 @@ TEST(SolidHarmonics, HarmonicAndOrthonormal) {
 TEST(SolidHarmonics, TextbookFormsAndSigns) {
     struct Form {
         int l, row;
-        std::vector<std::pair<CartExp, double>> terms;
+        std::vector<std::pair<gauss::CartExp, double>> terms;
     };
     const Form forms[] = {
         {1, 0, {{{0, 0, 1}, 1}}},
@@ -111,10 +111,12 @@ TEST(KalvexFunctions, MatchKalvexOverlapBlocks) {
         moldata::ov_cleanup();
 
         const std::vector<double> K = import::kalvex_functions(type);
-        const int nk = moldata::kShellSize[type], l = moldata::kAngular[type];
+        const int nk = gauss::kShellSize[type], l = gauss::kAngular[type];
         const int nm = type == 3 ? 4 : import::cart_count(l);
-        auto mono = [&](int c) { return type == 3 ? (c == 0 ? CartExp{0, 0, 0} : moldata::cart_exponents(1, c - 1))
-                                                  : moldata::cart_exponents(l, c); };
+        auto mono = [&](int c) {
+            return type == 3 ? (c == 0 ? gauss::CartExp{0, 0, 0} : gauss::cart_exponents(1, c - 1))
+                             : gauss::cart_exponents(l, c);
+        };
         ASSERT_EQ(block.size(), static_cast<std::size_t>(nk * nk)) << type;
         for (int i = 0; i < nk; ++i)
             for (int j = 0; j < nk; ++j) {

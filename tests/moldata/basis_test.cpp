@@ -13,6 +13,7 @@
 #include "moldata/symbols.h"
 
 using namespace kvx::moldata;
+namespace gauss = kvx::gauss;
 using kvx::testing::TempJob;
 
 namespace {
@@ -70,10 +71,12 @@ TEST(BasisNormalisation, ContractionsHaveClosedFormNorms) {
         const int n = s.size, ngc = s.type == 3 ? 1 : s.ngc;
         for (int g = 0; g < ngc; ++g)
             for (int i = 0; i < n; ++i) {
-                const CartExp x = type_exponents(s.type, i);
-                const double want = is_spherical(s.type) || s.type == 3 ? 1.0
-                                    : kNormF[s.type] * kNormF[s.type] * std::pow(4.0, -kAngular[s.type]) *
-                                          df(2 * x.x - 1) * df(2 * x.y - 1) * df(2 * x.z - 1);
+                const gauss::CartExp x = gauss::type_exponents(s.type, i);
+                const double want = gauss::is_spherical(s.type) || s.type == 3
+                                        ? 1.0
+                                        : gauss::kNormF[s.type] * gauss::kNormF[s.type] *
+                                              std::pow(4.0, -gauss::kAngular[s.type]) * df(2 * x.x - 1) *
+                                              df(2 * x.y - 1) * df(2 * x.z - 1);
                 EXPECT_NEAR(S[(g * ngc + g) * n * n + i * n + i], want, 1e-9 * want) << s.type << " " << g << " " << i;
             }
     }

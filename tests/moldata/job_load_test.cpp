@@ -15,6 +15,7 @@
 #include "moldata/reader.h"
 
 using namespace kvx::moldata;
+namespace gauss = kvx::gauss;
 
 namespace {
 
@@ -26,7 +27,7 @@ std::vector<double> basis_values(const Molecule& mol, double x, double y, double
         const double dx = x - s.center->x, dy = y - s.center->y, dz = z - s.center->z;
         for (int g = 0; g < s.ngc; ++g)
             for (int k = 0; k < s.size; ++k) {
-                const CartExp e = type_exponents(s.type, k);
+                const gauss::CartExp e = gauss::type_exponents(s.type, k);
                 double radial = 0;
                 for (int p = 0; p < s.nprim; ++p)
                     radial += s.coef(p, s.type == 3 ? (k > 0) : g) * (*s.prefact)[p] *

@@ -1,6 +1,8 @@
 // Overlap integrals: shell-pair blocks against a direct numerical quadrature
 // and the spherical combinations as solid harmonics. (Normalised diagonals:
 // basis_test.cpp; the matrix scatter: C S C^T = 1 in job_load_test.cpp.)
+#include "moldata/overlap.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -10,12 +12,12 @@
 #include <tuple>
 #include <vector>
 
+#include "gauss/shell_types.h"
+#include "gauss/spherical.h"
 #include "moldata/molecule.h"
-#include "moldata/overlap.h"
-#include "moldata/shell_types.h"
-#include "moldata/spherical.h"
 
 using namespace kvx::moldata;
+namespace gauss = kvx::gauss;
 
 namespace {
 
@@ -47,7 +49,7 @@ Atom atom_at(double x, double y, double z) {
 Shell make_shell(int type, const std::vector<double>& exps, const Rows& coefs, const Atom* at) {
     Shell s;
     s.type = type;
-    s.size = kShellSize[type];
+    s.size = gauss::kShellSize[type];
     s.ngc = type == 3 ? 1 : static_cast<int>(coefs.size());
     s.nprim = static_cast<int>(exps.size());
     s.nfirst = 1;
@@ -75,8 +77,8 @@ Rows sph_matrix(int type) {
                            {-1, 0, 0, 4, 0, -1, 0, 0, 0, 0},  {0, 0, -1, 0, 0, 0, 0, 4, 0, -1},
                            {-1, 0, 0, -1, 0, 4, 0, 0, 0, 0},  {0, -1, 0, 0, 0, 0, -1, 0, 4, 0},
                            {0, 0, 0, 0, std::sqrt(40.0), 0, 0, 0, 0, 0}};
-    Rows id(kCartCount[type], std::vector<double>(kCartCount[type], 0.0));
-    for (int i = 0; i < kCartCount[type]; ++i) id[i][i] = 1.0;
+    Rows id(gauss::kCartCount[type], std::vector<double>(gauss::kCartCount[type], 0.0));
+    for (int i = 0; i < gauss::kCartCount[type]; ++i) id[i][i] = 1.0;
     return id;
 }
 
@@ -84,7 +86,8 @@ Rows sph_matrix(int type) {
 // quadrature of the primitives (2 alpha / pi)^(3/4) (r-A)^e exp(-alpha
 // |r-A|^2), then T_A M T_B^T with the combinations above.
 std::vector<double> reference_block(const Shell& A, const Shell& B) {
-    const int nA = kCartCount[A.type], nB = kCartCount[B.type], lA = kAngular[A.type], lB = kAngular[B.type];
+    const int nA = gauss::kCartCount[A.type], nB = gauss::kCartCount[B.type], lA = gauss::kAngular[A.type],
+              lB = gauss::kAngular[B.type];
     const int gA = A.type == 3 ? 1 : A.ngc, gB = B.type == 3 ? 1 : B.ngc;
     const double ca[3] = {A.center->x, A.center->y, A.center->z}, cb[3] = {B.center->x, B.center->y, B.center->z};
     std::vector<double> cart(static_cast<std::size_t>(nA * nB * gA * gB), 0.0);
@@ -98,7 +101,7 @@ std::vector<double> reference_block(const Shell& A, const Shell& B) {
             auto Q = [&](int d, int a, int b) { return oned[d][a * (lB + 1) + b]; };
             for (int i = 0; i < nA; ++i)
                 for (int j = 0; j < nB; ++j) {
-                    const CartExp ea = type_exponents(A.type, i), eb = type_exponents(B.type, j);
+                    const gauss::CartExp ea = gauss::type_exponents(A.type, i), eb = gauss::type_exponents(B.type, j);
                     const double v = std::pow(4 * al * be / (kPi * kPi), 0.75) * Q(0, ea.x, eb.x) *
                                      Q(1, ea.y, eb.y) * Q(2, ea.z, eb.z);
                     for (int g = 0; g < gA; ++g)
@@ -164,12 +167,12 @@ TEST(OverlapBlock, RepresentativePairsMatchQuadrature) {
 // solid harmonics of degree l.
 TEST(SphericalTransform, CombinationsAreIndependentSolidHarmonics) {
     for (int type : {4, 6, 11, 12}) {
-        const int l = kAngular[type], ncart = kCartCount[type], nsph = kShellSize[type];
+        const int l = gauss::kAngular[type], ncart = gauss::kCartCount[type], nsph = gauss::kShellSize[type];
         Rows rows(nsph, std::vector<double>(ncart));
         for (int k = 0; k < ncart; ++k) {
             std::vector<double> e(ncart, 0.0);
             e[k] = 1.0;
-            spherical_transform(e.data(), 1, ncart, type, 1, 1, 1);
+            gauss::spherical_transform(e.data(), 1, ncart, type, 1, 1, 1);
             for (int m = 0; m < nsph; ++m) rows[m][k] = e[m];
         }
         Rows basis;
@@ -177,7 +180,7 @@ TEST(SphericalTransform, CombinationsAreIndependentSolidHarmonics) {
             // Laplacian coefficients keyed by the (x, y) exponents of degree l-2.
             std::vector<double> lap(static_cast<std::size_t>((l + 1) * (l + 1)), 0.0);
             for (int k = 0; k < ncart; ++k) {
-                const CartExp e = type_exponents(type, k);
+                const gauss::CartExp e = gauss::type_exponents(type, k);
                 const double w = rows[m][k];
                 if (e.x >= 2) lap[(e.x - 2) * (l + 1) + e.y] += w * e.x * (e.x - 1);
                 if (e.y >= 2) lap[e.x * (l + 1) + e.y - 2] += w * e.y * (e.y - 1);

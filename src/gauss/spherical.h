@@ -8,7 +8,7 @@
 
 #include <cstddef>
 
-namespace kvx::moldata {
+namespace kvx::gauss {
 
 // Components a shell of this type has in a block before the transform
 // (kCartCount; type 3 counts s + p = 4).
@@ -30,4 +30,4 @@ void spherical_transform(double* blocks, int nblocks, std::size_t block_stride, 
 // out. For a type without combinations out is a copy of c.
 void spherical_combine(int type, const double* c, double* out);
 
-}  // namespace kvx::moldata
+}  // namespace kvx::gauss

@@ -1,11 +1,11 @@
-#include "elepot/gtoprod.h"
+#include "gauss/gtoprod.h"
 
 #include <algorithm>
 #include <cmath>
 
 #include "common/fatal.h"
 
-namespace kvx::elepot {
+namespace kvx::gauss {
 
 using common::fatal;
 
@@ -34,7 +34,8 @@ int binom_grow(int n) {
         // Old rows re-sized to the new width, new columns zero.
         for (int r = 0; r <= g_binom.top; ++r)
             for (int k = 0; k < g_binom.width; ++k)
-                nv[static_cast<std::size_t>(r) * width + k] = g_binom.v[static_cast<std::size_t>(r) * g_binom.width + k];
+                nv[static_cast<std::size_t>(r) * width + k] =
+                    g_binom.v[static_cast<std::size_t>(r) * g_binom.width + k];
         for (int r = g_binom.top + 1; r <= n; ++r) {
             double* row = nv.data() + static_cast<std::size_t>(r) * width;
             row[0] = 1.0;
@@ -78,8 +79,7 @@ void fjlm(double* fj, int l, int m, const double* pa, const double* pb) {
         if (pb_zero && lo < m) lo = m;
         if (pa_zero && hi > lo) hi = lo;
         double s = 0.0;
-        for (int t = lo; t <= hi; ++t)
-            s += binom(m, m - t) * binom(l, j - t) * pa[l - j + t] * pb[m - t];
+        for (int t = lo; t <= hi; ++t) s += binom(m, m - t) * binom(l, j - t) * pa[l - j + t] * pb[m - t];
         fj[j] = s;
     }
 }
@@ -89,8 +89,7 @@ void FjTable::shape(int la_, int lb_, int stride_) {
     lb = lb_;
     stride = stride_;
     const std::size_t need = static_cast<std::size_t>(la + 1) * (lb + 1) * stride;
-    if (v.size() < need)
-        common::alloc_or_die("Gtoprod fjtab: cannot allocate memory", [&] { v.resize(need); });
+    if (v.size() < need) common::alloc_or_die("Gtoprod fjtab: cannot allocate memory", [&] { v.resize(need); });
 }
 
 void fjtab(FjTable& tab, int la, int lb, double PA, double PB) {
@@ -106,4 +105,4 @@ void fjtab(FjTable& tab, int la, int lb, double PA, double PB) {
         for (int b = 0; b <= lb; ++b) fjlm(tab.row(a, b), a, b, pa, pb);
 }
 
-}  // namespace kvx::elepot
+}  // namespace kvx::gauss

@@ -2,7 +2,7 @@
 // overlap integrals. 0!! = 1!! = 1, n!! = n (n-2)!!. Process-wide, grows only.
 #pragma once
 
-namespace kvx::elepot {
+namespace kvx::gauss {
 
 // Grows the table to index n (at least); ends the run with the Fmch message
 // when memory runs out.
@@ -12,4 +12,4 @@ double dfact(int n);
 int dfact_top();
 void dfact_release();
 
-}  // namespace kvx::elepot
+}  // namespace kvx::gauss

@@ -1,10 +1,10 @@
-#include "moldata/spherical.h"
+#include "gauss/spherical.h"
 
 #include <algorithm>
 
-#include "moldata/shell_types.h"
+#include "gauss/shell_types.h"
 
-namespace kvx::moldata {
+namespace kvx::gauss {
 
 namespace {
 
@@ -130,4 +130,4 @@ void spherical_transform(double* blocks, int nblocks, std::size_t block_stride, 
     }
 }
 
-}  // namespace kvx::moldata
+}  // namespace kvx::gauss

@@ -19,7 +19,7 @@
 
 #include <array>
 
-namespace kvx::moldata {
+namespace kvx::gauss {
 
 inline constexpr int kNumShellTypes = 14;
 
@@ -56,20 +56,8 @@ inline constexpr std::array<double, 14> kNormK = {0,
                                                   45.2548339959,
                                                   90.5096679919,
                                                   181.0193359838};
-inline constexpr std::array<double, 14> kNormF = {0,
-                                                  1,
-                                                  2,
-                                                  2,
-                                                  4,
-                                                  4,
-                                                  1.2649110641,
-                                                  1.6329931619,
-                                                  4.131182236,
-                                                  3.1228802334,
-                                                  2.0819201556,
-                                                  1,
-                                                  1,
-                                                  1};
+inline constexpr std::array<double, 14> kNormF = {
+    0, 1, 2, 2, 4, 4, 1.2649110641, 1.6329931619, 4.131182236, 3.1228802334, 2.0819201556, 1, 1, 1};
 
 // Cartesian exponents (ax, ay, az) of component k of a shell of angular
 // momentum l. d: xx, yy, zz, xy, xz, yz; all other degrees in lexicographic
@@ -104,13 +92,20 @@ inline constexpr auto kCart6 = detail::make_cart_order<6>();
 // Component k (0-based) of a shell of angular momentum l.
 constexpr CartExp cart_exponents(int l, int k) {
     switch (l) {
-        case 0: return kCart0[k];
-        case 1: return kCart1[k];
-        case 2: return kCart2[k];
-        case 3: return kCart3[k];
-        case 4: return kCart4[k];
-        case 5: return kCart5[k];
-        default: return kCart6[k];
+        case 0:
+            return kCart0[k];
+        case 1:
+            return kCart1[k];
+        case 2:
+            return kCart2[k];
+        case 3:
+            return kCart3[k];
+        case 4:
+            return kCart4[k];
+        case 5:
+            return kCart5[k];
+        default:
+            return kCart6[k];
     }
 }
 
@@ -120,4 +115,4 @@ constexpr CartExp type_exponents(int type, int k) {
     return cart_exponents(kAngular[type], k);
 }
 
-}  // namespace kvx::moldata
+}  // namespace kvx::gauss

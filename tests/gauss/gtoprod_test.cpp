@@ -1,5 +1,7 @@
 // Gaussian product tables: f_j against polynomials multiplied out directly,
 // power tables with the zero cut, and the messages of bad calls.
+#include "gauss/gtoprod.h"
+
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -7,10 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "elepot/accum.h"
-#include "elepot/gtoprod.h"
-
-using namespace kvx::elepot;
+using namespace kvx::gauss;
 
 namespace {
 
@@ -77,16 +76,29 @@ TEST(Gtoprod, PowersCutBelow1e15) {
 }
 
 // The messages go to stdout.
-TEST(ElepotDeathTest, BadCallsEndTheRunWithTheirMessages) {
+TEST(GtoprodDeathTest, BadCallsEndTheRunWithTheirMessages) {
     const std::pair<void (*)(), const char*> cases[] = {
-        {[] { which_intc_zero(0, 5); }, "Accum which_intc_zero: cannot select function"},
-        {[] { which_intc_init(3, 0); }, "Accum which_intc_init: cannot select function"},
-        {[] { which_intc_accum(0, 0); }, "Accum which_intc_accum: cannot select function"},
-        {[] { double b[2] = {}; powx(b, 1.0, -1); }, "Gtoprod powx: nmax < 0"},
+        {[] {
+             double b[2] = {};
+             powx(b, 1.0, -1);
+         },
+         "Gtoprod powx: nmax < 0"},
         {[] { powx(nullptr, 1.0, 2); }, "Gtoprod powx: pointer xpow is null"},
-        {[] { double b[2] = {}; fjlm(b, -1, 0, b, b); }, "Gtoprod fjlm: l or m < 0"},
-        {[] { double b[2] = {}; fjlm(nullptr, 1, 0, b, b); }, "Gtoprod fjlm: wrong call, fj pointer is null"},
-        {[] { FjTable t; fjtab(t, 1, 1, 0.0, 0.0); }, "Gtoprod fjtab: wrong call, pointer array is null"},
+        {[] {
+             double b[2] = {};
+             fjlm(b, -1, 0, b, b);
+         },
+         "Gtoprod fjlm: l or m < 0"},
+        {[] {
+             double b[2] = {};
+             fjlm(nullptr, 1, 0, b, b);
+         },
+         "Gtoprod fjlm: wrong call, fj pointer is null"},
+        {[] {
+             FjTable t;
+             fjtab(t, 1, 1, 0.0, 0.0);
+         },
+         "Gtoprod fjtab: wrong call, pointer array is null"},
     };
     for (const auto& [call, msg] : cases) EXPECT_EXIT((dup2(2, 1), call()), ::testing::ExitedWithCode(0), msg);
 }

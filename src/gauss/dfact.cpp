@@ -1,10 +1,10 @@
-#include "elepot/dfact.h"
+#include "gauss/dfact.h"
 
 #include <vector>
 
 #include "common/fatal.h"
 
-namespace kvx::elepot {
+namespace kvx::gauss {
 
 namespace {
 std::vector<double> g_df;  // g_df[n] = n!!
@@ -32,4 +32,4 @@ void dfact_release() {
     g_df.shrink_to_fit();
 }
 
-}  // namespace kvx::elepot
+}  // namespace kvx::gauss

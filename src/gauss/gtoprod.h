@@ -6,7 +6,7 @@
 
 #include <vector>
 
-namespace kvx::elepot {
+namespace kvx::gauss {
 
 // |x| below this counts as exactly 0 in power tables.
 inline constexpr double kPowZeroCut = 1e-15;
@@ -29,9 +29,7 @@ struct FjTable {
     int la = 0, lb = 0, stride = 0;
     std::vector<double> v;
     double* row(int a, int b) { return v.data() + (static_cast<std::size_t>(a) * (lb + 1) + b) * stride; }
-    const double* row(int a, int b) const {
-        return v.data() + (static_cast<std::size_t>(a) * (lb + 1) + b) * stride;
-    }
+    const double* row(int a, int b) const { return v.data() + (static_cast<std::size_t>(a) * (lb + 1) + b) * stride; }
     // Sizes the table for (la, lb) with room for j = 0..stride-1; reuses
     // capacity, so a table kept across calls allocates only when it grows.
     void shape(int la_, int lb_, int stride_);
@@ -40,4 +38,4 @@ struct FjTable {
 // Fills tab (already shaped with stride >= la + lb + 1) for PA, PB.
 void fjtab(FjTable& tab, int la, int lb, double PA, double PB);
 
-}  // namespace kvx::elepot
+}  // namespace kvx::gauss
