@@ -23,7 +23,7 @@ void visit_point(const GtoBuilder& b, const MaxCmo& maxcmo, int p, double* facto
     const RangeTable& rt = *b.ranges;
     const double eps = rt.threshold;
     int idx[3] = {0, 0, 0};
-    grid_indices_of_index(idx, p);
+    b.geo.indices_of_index(idx, p);
     const int ndim = b.grid->ndim;
     const int i = idx[0];
     const int j = ndim >= 2 ? idx[1] : 0;
@@ -113,7 +113,6 @@ namespace {
 template <class ShellValue>
 void point_loop(const GtoBuilder& b, const MaxCmo& maxcmo, const char* nomem, double* out, int first, double step,
                 double base, ShellValue&& shell_value) {
-    grid_install(b.grid);  // point numbering of the builder's grid
     const int total = static_cast<int>(b.grid->total);
     const int stride = gto_stride();
     std::vector<double> radial;

@@ -8,10 +8,9 @@ namespace kvx::grid {
 
 namespace {
 
-// The current grid: strides, step matrix and the conversions picked for it.
+// The installed grid and the conversions picked for it.
 struct GridModule {
-    GridState view;
-    double axes[3][3] = {};  // copy of the installed record's step vectors
+    GridGeometry view;
     PointOfIndicesFn point_of_indices = nullptr;
     IndicesOfPointFn indices_of_point = nullptr;
     StepFn step_forward = nullptr;
@@ -32,14 +31,12 @@ int round_index(double x) {
     return static_cast<int>(r);
 }
 
-void point_of_indices_cartesian(double point[3], const int idx[]) {
-    const GridState& s = g_state.view;
+void point_of_indices_cartesian(const GridGeometry& s, double point[3], const int idx[]) {
     for (int c = 0; c < 3; ++c) point[c] = s.origin[c];
     for (int d = 0; d < s.ndim; ++d) point[d] = s.origin[d] + idx[d] * s.M[d][d];
 }
 
-void point_of_indices_general(double point[3], const int idx[]) {
-    const GridState& s = g_state.view;
+void point_of_indices_general(const GridGeometry& s, double point[3], const int idx[]) {
     for (int r = 0; r < 3; ++r) {
         double p = s.origin[r];
         for (int d = 0; d < s.ndim; ++d) p += idx[d] * s.M[r][d];
@@ -47,13 +44,11 @@ void point_of_indices_general(double point[3], const int idx[]) {
     }
 }
 
-void indices_of_point_cartesian(const double point[3], int idx[]) {
-    const GridState& s = g_state.view;
+void indices_of_point_cartesian(const GridGeometry& s, const double point[3], int idx[]) {
     for (int d = 0; d < s.ndim; ++d) idx[d] = round_index(s.Minv[d][d] * (point[d] - s.origin[d]));
 }
 
-void indices_of_point_general(const double point[3], int idx[]) {
-    const GridState& s = g_state.view;
+void indices_of_point_general(const GridGeometry& s, const double point[3], int idx[]) {
     for (int d = 0; d < s.ndim; ++d) {
         double t = 0.0;
         for (int r = 0; r < 3; ++r) t += (point[r] - s.origin[r]) * s.Minv[d][r];
@@ -61,14 +56,26 @@ void indices_of_point_general(const double point[3], int idx[]) {
     }
 }
 
-void step_forward_cartesian(double point[3], int d) { point[d] += g_state.axes[d][d]; }
-void step_back_cartesian(double point[3], int d) { point[d] -= g_state.axes[d][d]; }
-
-void step_forward_general(double point[3], int d) {
-    for (int c = 0; c < 3; ++c) point[c] += g_state.axes[c][d];
+// The variants on the installed grid, for the pickers.
+void installed_point_of_indices_cartesian(double point[3], const int idx[]) {
+    point_of_indices_cartesian(g_state.view, point, idx);
 }
-void step_back_general(double point[3], int d) {
-    for (int c = 0; c < 3; ++c) point[c] -= g_state.axes[c][d];
+void installed_point_of_indices_general(double point[3], const int idx[]) {
+    point_of_indices_general(g_state.view, point, idx);
+}
+void installed_indices_of_point_cartesian(const double point[3], int idx[]) {
+    indices_of_point_cartesian(g_state.view, point, idx);
+}
+void installed_indices_of_point_general(const double point[3], int idx[]) {
+    indices_of_point_general(g_state.view, point, idx);
+}
+void installed_step_forward_cartesian(double point[3], int d) { point[d] += g_state.view.axes[d][d]; }
+void installed_step_back_cartesian(double point[3], int d) { point[d] -= g_state.view.axes[d][d]; }
+void installed_step_forward_general(double point[3], int d) {
+    for (int c = 0; c < 3; ++c) point[c] += g_state.view.axes[c][d];
+}
+void installed_step_back_general(double point[3], int d) {
+    for (int c = 0; c < 3; ++c) point[c] -= g_state.view.axes[c][d];
 }
 
 // Axis-aligned when every off-diagonal component of the existing steps is
@@ -252,89 +259,130 @@ std::unique_ptr<Grid> grid_build(int n, const double centre[3], const double hal
 
 void grid_destroy(std::unique_ptr<Grid>& grid) { grid.reset(); }
 
-int grid_install(const Grid* grid) {
-    if (!grid) return 0;
-    GridModule& m = g_state;
-    GridState& s = m.view;
-    s.grid = grid;
-    s.ndim = grid->ndim;
+GridGeometry grid_geometry(const Grid& grid) {
+    GridGeometry s;
+    s.grid = &grid;
+    s.ndim = grid.ndim;
     for (int c = 0; c < 3; ++c) {
-        s.origin[c] = grid->origin[c];
-        for (int d = 0; d < 3; ++d) m.axes[c][d] = grid->axes[c][d];
+        s.origin[c] = grid.origin[c];
+        for (int d = 0; d < 3; ++d) s.axes[c][d] = grid.axes[c][d];
     }
-    const int n = grid->ndim;
+    const int n = grid.ndim;
     if (n >= 1 && n <= 3) {
         s.stride[n - 1] = 1;
-        for (int d = n - 2; d >= 0; --d) s.stride[d] = s.stride[d + 1] * grid->counts[d + 1];
+        for (int d = n - 2; d >= 0; --d) s.stride[d] = s.stride[d + 1] * grid.counts[d + 1];
         for (int d = n; d < 3; ++d) s.stride[d] = 0;
     }
-    s.cartesian = cartesian_flag(*grid);
-    step_matrices(*grid, s.M, s.Minv);
-    if (s.cartesian) {
-        m.point_of_indices = point_of_indices_cartesian;
-        m.indices_of_point = indices_of_point_cartesian;
-        m.step_forward = step_forward_cartesian;
-        m.step_back = step_back_cartesian;
-    } else {
-        m.point_of_indices = point_of_indices_general;
-        m.indices_of_point = indices_of_point_general;
-        m.step_forward = step_forward_general;
-        m.step_back = step_back_general;
-    }
-    return s.cartesian;
+    s.cartesian = cartesian_flag(grid);
+    step_matrices(grid, s.M, s.Minv);
+    return s;
 }
 
-const GridState& grid_state() { return g_state.view; }
-
-PointOfIndicesFn grid_pick_point_of_indices() {
-    return g_state.point_of_indices ? g_state.point_of_indices : point_of_indices_general;
-}
-IndicesOfPointFn grid_pick_indices_of_point() {
-    return g_state.indices_of_point ? g_state.indices_of_point : indices_of_point_general;
-}
-StepFn grid_pick_step_forward() {
-    return g_state.step_forward ? g_state.step_forward : step_forward_general;
-}
-StepFn grid_pick_step_back() { return g_state.step_back ? g_state.step_back : step_back_general; }
-
-void grid_point_of_indices(double point[3], const int idx[]) {
-    grid_pick_point_of_indices()(point, idx);
-}
-void grid_indices_of_point(const double point[3], int idx[]) {
-    grid_pick_indices_of_point()(point, idx);
+void GridGeometry::point_of_indices(double point[3], const int idx[]) const {
+    if (cartesian)
+        point_of_indices_cartesian(*this, point, idx);
+    else
+        point_of_indices_general(*this, point, idx);
 }
 
-int grid_index_of_indices(const int idx[]) {
-    const GridState& s = g_state.view;
-    const int n = s.ndim;
+void GridGeometry::indices_of_point(const double point[3], int idx[]) const {
+    if (cartesian)
+        indices_of_point_cartesian(*this, point, idx);
+    else
+        indices_of_point_general(*this, point, idx);
+}
+
+int GridGeometry::index_of_indices(const int idx[]) const {
+    const int n = ndim;
     if (n < 1 || n > 3) return 0;
     int k = idx[n - 1];
-    for (int d = 0; d < n - 1; ++d) k += s.stride[d] * idx[d];
+    for (int d = 0; d < n - 1; ++d) k += stride[d] * idx[d];
     return k;
 }
 
-void grid_indices_of_index(int idx[], int k) {
-    const GridState& s = g_state.view;
-    if (s.ndim >= 2 && (s.stride[0] == 0 || (s.ndim == 3 && s.stride[1] == 0))) {
-        for (int d = 0; d < s.ndim; ++d) idx[d] = 0;  // a dimension with no points
+void GridGeometry::indices_of_index(int idx[], int k) const {
+    if (ndim >= 2 && (stride[0] == 0 || (ndim == 3 && stride[1] == 0))) {
+        for (int d = 0; d < ndim; ++d) idx[d] = 0;  // a dimension with no points
         return;
     }
-    switch (s.ndim) {
+    switch (ndim) {
         case 1: idx[0] = k; break;
         case 2:
-            idx[0] = k / s.stride[0];
-            idx[1] = k % s.stride[0];
+            idx[0] = k / stride[0];
+            idx[1] = k % stride[0];
             break;
         case 3: {
-            idx[0] = k / s.stride[0];
-            const int r = k % s.stride[0];
-            idx[1] = r / s.stride[1];
-            idx[2] = r % s.stride[1];
+            idx[0] = k / stride[0];
+            const int r = k % stride[0];
+            idx[1] = r / stride[1];
+            idx[2] = r % stride[1];
             break;
         }
         default: break;
     }
 }
+
+void GridGeometry::point_of_index(double point[3], int k) const {
+    int idx[3] = {0, 0, 0};
+    indices_of_index(idx, k);
+    point_of_indices(point, idx);
+}
+
+int GridGeometry::index_of_point(const double point[3]) const {
+    int idx[3] = {0, 0, 0};
+    indices_of_point(point, idx);
+    return index_of_indices(idx);
+}
+
+void GridGeometry::step_forward(double point[3], int d) const {
+    if (cartesian) {
+        point[d] += axes[d][d];
+    } else {
+        for (int c = 0; c < 3; ++c) point[c] += axes[c][d];
+    }
+}
+
+void GridGeometry::step_back(double point[3], int d) const {
+    if (cartesian) {
+        point[d] -= axes[d][d];
+    } else {
+        for (int c = 0; c < 3; ++c) point[c] -= axes[c][d];
+    }
+}
+
+int grid_install(const Grid* grid) {
+    if (!grid) return 0;
+    GridModule& m = g_state;
+    m.view = grid_geometry(*grid);
+    if (m.view.cartesian) {
+        m.point_of_indices = installed_point_of_indices_cartesian;
+        m.indices_of_point = installed_indices_of_point_cartesian;
+        m.step_forward = installed_step_forward_cartesian;
+        m.step_back = installed_step_back_cartesian;
+    } else {
+        m.point_of_indices = installed_point_of_indices_general;
+        m.indices_of_point = installed_indices_of_point_general;
+        m.step_forward = installed_step_forward_general;
+        m.step_back = installed_step_back_general;
+    }
+    return m.view.cartesian;
+}
+
+const GridState& grid_state() { return g_state.view; }
+
+PointOfIndicesFn grid_pick_point_of_indices() {
+    return g_state.point_of_indices ? g_state.point_of_indices : installed_point_of_indices_general;
+}
+IndicesOfPointFn grid_pick_indices_of_point() {
+    return g_state.indices_of_point ? g_state.indices_of_point : installed_indices_of_point_general;
+}
+StepFn grid_pick_step_forward() { return g_state.step_forward ? g_state.step_forward : installed_step_forward_general; }
+StepFn grid_pick_step_back() { return g_state.step_back ? g_state.step_back : installed_step_back_general; }
+
+void grid_point_of_indices(double point[3], const int idx[]) { grid_pick_point_of_indices()(point, idx); }
+void grid_indices_of_point(const double point[3], int idx[]) { grid_pick_indices_of_point()(point, idx); }
+int grid_index_of_indices(const int idx[]) { return g_state.view.index_of_indices(idx); }
+void grid_indices_of_index(int idx[], int k) { g_state.view.indices_of_index(idx, k); }
 
 void grid_point_of_index(double point[3], int k) {
     int idx[3] = {0, 0, 0};

@@ -50,8 +50,9 @@ double shell_radius(const moldata::Shell& sh, double eps) {
     return radius;
 }
 
-void fill_axis(PowerTable& t, int axis, int npoints, const std::vector<std::array<double, 3>>& pos,
-               const std::vector<int>& lmax, const std::vector<double>& rmax, const char* name) {
+void fill_axis(PowerTable& t, const GridGeometry& geo, int axis, int npoints,
+               const std::vector<std::array<double, 3>>& pos, const std::vector<int>& lmax,
+               const std::vector<double>& rmax, const char* name) {
     const int natoms = static_cast<int>(pos.size());
     char msg[64];
     std::snprintf(msg, sizeof msg, "Gto make_gtobuilder: cannot allocate %s", name);
@@ -67,7 +68,7 @@ void fill_axis(PowerTable& t, int axis, int npoints, const std::vector<std::arra
         int idx[3] = {0, 0, 0};
         idx[axis] = i;
         double point[3];
-        grid_point_of_indices(point, idx);
+        geo.point_of_indices(point, idx);
         for (int a = 0; a < natoms; ++a) {
             if (rmax[a] < 0.0) continue;  // atom without shells
             const double d = pos[a][axis] - point[axis];
@@ -186,7 +187,8 @@ std::unique_ptr<GtoBuilder> make_gtobuilder(std::shared_ptr<RangeTable> table, c
                 lmax[a] = std::max(lmax[a], kRangePower[static_cast<std::size_t>(sh->type)]);
     }
 
-    if (!grid_install(grid)) fatal("Gto make_gtobuilder: non cartesian grid not yet implemented");
+    const GridGeometry geo = grid_geometry(*grid);
+    if (!geo.cartesian) fatal("Gto make_gtobuilder: non cartesian grid not yet implemented");
     const int nx = grid->counts[0];
     const int ny = grid->ndim >= 2 ? grid->counts[1] : 1;
     const int nz = grid->ndim >= 3 ? grid->counts[2] : 1;
@@ -197,10 +199,11 @@ std::unique_ptr<GtoBuilder> make_gtobuilder(std::shared_ptr<RangeTable> table, c
     } catch (const std::bad_alloc&) {
         fatal("Gto make_gtobuilder: cannot allocate bptr");
     }
-    fill_axis(b->pdx, 0, nx, pos, lmax, rmax, "pdx");
-    fill_axis(b->pdy, 1, ny, pos, lmax, rmax, "pdy");
-    fill_axis(b->pdz, 2, nz, pos, lmax, rmax, "pdz");
+    fill_axis(b->pdx, geo, 0, nx, pos, lmax, rmax, "pdx");
+    fill_axis(b->pdy, geo, 1, ny, pos, lmax, rmax, "pdy");
+    fill_axis(b->pdz, geo, 2, nz, pos, lmax, rmax, "pdz");
     b->grid = grid;
+    b->geo = geo;
     b->ranges = std::move(table);
     return b;
 }

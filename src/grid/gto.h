@@ -77,12 +77,13 @@ struct PowerTable {
 
 struct GtoBuilder {
     const Grid* grid = nullptr;
+    GridGeometry geo;  // of grid
     std::shared_ptr<RangeTable> ranges;
     PowerTable pdx, pdy, pdz;
 };
 
-// Null when either argument is missing. Installs the grid; a grid that is
-// not axis-aligned ends the run.
+// Null when either argument is missing. A grid that is not axis-aligned ends
+// the run.
 std::unique_ptr<GtoBuilder> make_gtobuilder(std::shared_ptr<RangeTable> table, const Grid* grid);
 
 // Prepares the current builder for grid and eps (range table cached on mol

@@ -123,12 +123,12 @@ void file_counts(const grid::Grid& g, int n[3]) {
 
 bool write_body(std::FILE* f, const grid::PropertyGrid& pg, uint32_t s, int fgrid) {
     const grid::Grid& g = *pg.grid;
-    const grid::GridState& st = grid::grid_state();
+    const grid::GridGeometry geo = grid::grid_geometry(g);
     int n[3];
     file_counts(g, n);
     std::fprintf(f, "%u\n", s);
     std::fprintf(f, "%f %f %f\n", g.origin[0], g.origin[1], g.origin[2]);
-    std::fprintf(f, "%f %f %f\n", st.M[0][0], st.M[1][1], st.M[2][2]);
+    std::fprintf(f, "%f %f %f\n", geo.M[0][0], geo.M[1][1], geo.M[2][2]);
     std::fprintf(f, "%d %d %d\n", n[0], n[1], n[2]);
     const std::vector<double>& v = pg.values;
     if (fgrid) {
@@ -136,7 +136,7 @@ bool write_body(std::FILE* f, const grid::PropertyGrid& pg, uint32_t s, int fgri
             for (int iy = 0; iy < n[1]; ++iy)
                 for (int ix = 0; ix < n[0]; ++ix) {
                     const int idx[3] = {ix, iy, iz};
-                    std::fprintf(f, "%f\n", v[grid::grid_index_of_indices(idx)]);
+                    std::fprintf(f, "%f\n", v[geo.index_of_indices(idx)]);
                 }
     } else {
         for (std::size_t k = 0; k < g.total; ++k) std::fprintf(f, "%f\n", v[k]);
@@ -160,7 +160,6 @@ void fout_dbs(const grid::PropertyGrid* pg, uint32_t s, int fgrid) {
     file_counts(g, n);
     const long long points = 1LL * n[0] * n[1] * n[2];
     if (points != g.total || pg->values.size() < g.total) return;  // record and values disagree
-    grid::grid_install(&g);
 
     // Written beside the target and renamed over it only when complete, so a
     // failed or interrupted write never leaves a half file under the name.
@@ -192,13 +191,13 @@ void fout_dbs(const grid::PropertyGrid* pg, uint32_t s, int fgrid) {
 void write_property(const grid::PropertyGrid* pg, uint32_t s, int fgrid) {
     if (g_output.point_mode && *g_output.point_mode) {
         if (!pg || !pg->grid) return;
-        grid::grid_install(pg->grid);
+        const grid::GridGeometry geo = grid::grid_geometry(*pg->grid);
         // The middle of the 3 x 3 x 3 grid built around the requested point.
         const int idx[3] = {1, 1, 1};
-        const int k = grid::grid_index_of_indices(idx);
+        const int k = geo.index_of_indices(idx);
         if (k < 0 || static_cast<std::size_t>(k) >= pg->values.size()) return;
         double p[3];
-        grid::grid_point_of_indices(p, idx);
+        geo.point_of_indices(p, idx);
         std::printf("Point:%f %f %f Property: %f \n", p[0], p[1], p[2], pg->values[k]);
         std::fflush(stdout);
         return;

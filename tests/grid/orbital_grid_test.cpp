@@ -95,7 +95,7 @@ TEST_P(OrbitalGrid, MatchesBruteForceWithinScreeningBound) {
             double largest = 0.0;
             for (unsigned p = 0; p < g->total; ++p) {
                 double pt[3];
-                grid::grid_point_of_index(pt, static_cast<int>(p));
+                grid::grid_geometry(*g).point_of_index(pt, static_cast<int>(p));
                 const std::vector<double> phi = test::basis_values(*b.mol, pt);
                 double ref = 0.0;
                 for (int m = 0; m < b.mol->nbasis; ++m) ref += coef[m] * phi[m];
@@ -135,7 +135,7 @@ TEST(DensityGrid, MatchesShellwiseSumForDriverOccupations) {
         EXPECT_EQ(pg->name, k.name);
         for (unsigned p = 0; p < g->total; ++p) {
             double pt[3];
-            grid::grid_point_of_index(pt, static_cast<int>(p));
+            grid::grid_geometry(*g).point_of_index(pt, static_cast<int>(p));
             double ref = test::shellwise_density(*b.mol, *alpha, k.occa, pt);
             if (k.occb) ref += test::shellwise_density(*b.mol, *beta, k.occb, pt);
             // Occupations up to 2 over at most 5 orbitals: 10x the orbital bound.
@@ -215,7 +215,7 @@ TEST_P(ReferencePoints, OrbitalsMatchIndependentProgram) {
         ASSERT_GT(row.size(), static_cast<std::size_t>(columns.back().index));
         auto g = test::box_grid(3, row.data(), half, counts);
         ASSERT_EQ(grid::gto_setup(mol.get(), g.get(), eps, -4), 1);
-        const int p = grid::grid_index_of_indices(mid);
+        const int p = grid::grid_geometry(*g).index_of_indices(mid);
         auto pg = grid::property_grid_create(g.get());
         for (const Column& col : columns) {
             const moldata::OrbitalSet* set = col.set == "alpha" ? mol->alpha.get() : mol->beta.get();
