@@ -65,7 +65,8 @@ double binom(int n, int k) { return g_binom.v[static_cast<std::size_t>(n) * g_bi
 void fjlm(double* fj, int l, int m, const double* pa, const double* pb) {
     if (l < 0 || m < 0) fatal("Gtoprod fjlm: l or m < 0");
     if (!fj) fatal("Gtoprod fjlm: wrong call, fj pointer is null");
-    binom_grow(l + m);
+    // Read only: the set-up of each user grows the table (rows l and m are read).
+    if (std::max(l, m) > g_binom.top) fatal("Gtoprod fjlm: binomial table not grown to the shells");
     const double PA = pa[1 <= l ? 1 : 0];
     const double PB = pb[1 <= m ? 1 : 0];
     // With l = 0 (m = 0) the table has no entry 1; the distance only matters

@@ -20,7 +20,8 @@ void binom_release();
 int binom_top();
 double binom(int n, int k);
 
-// fj[j], j = 0..l+m, from pa = PA^0..PA^l and pb = PB^0..PB^m.
+// fj[j], j = 0..l+m, from pa = PA^0..PA^l and pb = PB^0..PB^m. Reads the
+// binomial table only: it must have been grown to max(l, m).
 void fjlm(double* fj, int l, int m, const double* pa, const double* pb);
 
 // f-table for all a <= la, b <= lb: tab[a][b] -> la + lb + 1 doubles.

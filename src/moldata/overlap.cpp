@@ -180,6 +180,7 @@ void overlap_prepare(const Molecule& mol) {
     ov_intp(nc);
     ov_pow(lmax);
     ov_fjtab(lmax);
+    gauss::binom_grow(lmax);
 }
 
 void overlap_block(const Shell& A, const Shell& B, std::vector<double>& out) {

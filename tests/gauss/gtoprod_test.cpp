@@ -38,6 +38,7 @@ TEST(Gtoprod, FjMatchesPolynomialMultipliedOut) {
     // must agree with the plain product; 1e-16 counts as zero.
     const double dists[][2] = {{0.37, -1.21}, {-2.5, 0.8}, {3.1, 2.9}, {-0.05, 4e-4},
                                {0.0, 0.0},    {0.0, -1.7}, {2.3, 0.0}, {1e-16, 0.9}};
+    binom_grow(6);  // as a user's set-up does for its largest shell
     for (const auto& d : dists)
         for (int l = 0; l <= 6; ++l)
             for (int m = 0; m <= 6; ++m) {
@@ -77,29 +78,16 @@ TEST(Gtoprod, PowersCutBelow1e15) {
 
 // The messages go to stdout.
 TEST(GtoprodDeathTest, BadCallsEndTheRunWithTheirMessages) {
+    // clang-format off
     const std::pair<void (*)(), const char*> cases[] = {
-        {[] {
-             double b[2] = {};
-             powx(b, 1.0, -1);
-         },
-         "Gtoprod powx: nmax < 0"},
+        {[] { double b[2] = {}; powx(b, 1.0, -1); }, "Gtoprod powx: nmax < 0"},
         {[] { powx(nullptr, 1.0, 2); }, "Gtoprod powx: pointer xpow is null"},
-        {[] {
-             double b[2] = {};
-             fjlm(b, -1, 0, b, b);
-         },
-         "Gtoprod fjlm: l or m < 0"},
-        {[] {
-             double b[2] = {};
-             fjlm(nullptr, 1, 0, b, b);
-         },
-         "Gtoprod fjlm: wrong call, fj pointer is null"},
-        {[] {
-             FjTable t;
-             fjtab(t, 1, 1, 0.0, 0.0);
-         },
-         "Gtoprod fjtab: wrong call, pointer array is null"},
+        {[] { double b[2] = {}; fjlm(b, -1, 0, b, b); }, "Gtoprod fjlm: l or m < 0"},
+        {[] { double b[2] = {}; fjlm(nullptr, 1, 0, b, b); }, "Gtoprod fjlm: wrong call, fj pointer is null"},
+        {[] { double b[80] = {}; fjlm(b, 40, 0, b, b); }, "Gtoprod fjlm: binomial table not grown to the shells"},
+        {[] { FjTable t; fjtab(t, 1, 1, 0.0, 0.0); }, "Gtoprod fjtab: wrong call, pointer array is null"},
     };
+    // clang-format on
     for (const auto& [call, msg] : cases) EXPECT_EXIT((dup2(2, 1), call()), ::testing::ExitedWithCode(0), msg);
 }
 
