@@ -10,7 +10,6 @@
 #include <vector>
 
 #include "common/fatal.h"
-#include "elepot/elepot.h"
 #include "grid/grid.h"
 
 extern "C" void dgesv_(const int* n, const int* nrhs, double* a, const int* lda, int* ipiv, double* b,
@@ -128,12 +127,10 @@ int chelp_setup(const moldata::Molecule* mol, double thresh) {
     state.atoms = mol->atoms.data();
     state.charge = mol->charge;
     state.thresh = thresh;
-    elepot::elepot_set_point_filter(&chelp_point_in_range);
     return 1;
 }
 
 void chelp_release() {
-    elepot::elepot_set_point_filter(nullptr);
     clear_state();
     state.thresh = kDefaultThresh;
 }
@@ -150,6 +147,18 @@ bool chelp_point_in_range(const double r[3]) {
         if (d <= kOuterScale * state.radii[a]) near = true;
     }
     return near;
+}
+
+std::vector<unsigned char> chelp_point_mask(const grid::Grid* grid) {
+    std::vector<unsigned char> mask;
+    if (!grid || !common::try_alloc([&] { mask.resize(grid->total); })) return mask;
+    const grid::GridGeometry geo = grid::grid_geometry(*grid);
+    for (unsigned k = 0; k < grid->total; ++k) {
+        double r[3];
+        geo.point_of_index(r, static_cast<int>(k));
+        mask[k] = chelp_point_in_range(r) ? 1 : 0;
+    }
+    return mask;
 }
 
 void chelpg(const grid::PropertyGrid* pot, const char* jobname) {
@@ -169,8 +178,7 @@ void chelpg(const grid::PropertyGrid* pot, const char* jobname) {
     const int natoms = state.natoms;
     const moldata::Atom* atoms = state.atoms;
     const int total = static_cast<int>(pot->grid->total);
-    grid::grid_install(pot->grid);
-    const grid::PointOfIndicesFn point_of_indices = grid::grid_pick_point_of_indices();
+    const grid::GridGeometry geo = grid::grid_geometry(*pot->grid);
 
     // Point selection: rp holds x, y, z of each taken point (3 x n), vp its value.
     std::vector<double> rp, vp;
@@ -182,8 +190,8 @@ void chelpg(const grid::PropertyGrid* pot, const char* jobname) {
     for (int k = 0; k < total; ++k) {
         int idx[3] = {0, 0, 0};
         double r[3] = {0.0, 0.0, 0.0};
-        grid::grid_indices_of_index(idx, k);
-        point_of_indices(r, idx);
+        geo.indices_of_index(idx, k);
+        geo.point_of_indices(r, idx);
         if (!chelp_point_in_range(r)) continue;
         const double v = pot->values[static_cast<std::size_t>(k)];
         if (std::fabs(v) < state.thresh) continue;

@@ -6,18 +6,20 @@
 // chelp_release.
 #pragma once
 
+#include <vector>
+
+#include "grid/grid.h"
 #include "grid/property_grid.h"
 #include "moldata/molecule.h"
 
 namespace kvx::chelp {
 
 // Stores the molecule, its atom count (natoms - ndummy[1]), charge and the
-// radii in bohr, sets the value threshold to thresh and installs
-// chelp_point_in_range as the potential's point filter. 1 on success, 0 (and
+// radii in bohr and sets the value threshold to thresh. 1 on success, 0 (and
 // a cleared state) without a molecule or when the radii cannot be allocated.
 int chelp_setup(const moldata::Molecule* mol, double thresh);
 
-// Clears the state, removes the point filter, value threshold back to 1e-7.
+// Clears the state, value threshold back to 1e-7.
 void chelp_release();
 
 // Radius of element Z in angstrom; 0.0 outside 1..110.
@@ -26,6 +28,11 @@ double chelp_radius(int Z);
 // True when r is inside no atom (d < 1.0 radius) and within 1.8 radii of
 // some atom. False when the module is not set up.
 bool chelp_point_in_range(const double r[3]);
+
+// chelp_point_in_range for every point of the grid, in point order: the
+// points the fit can use, so that the potential need not integrate the
+// others. Empty when the grid is null or memory runs out.
+std::vector<unsigned char> chelp_point_mask(const grid::Grid* grid);
 
 // Fit and report, written to "<jobname>.chelp". Ends the process (status 0)
 // only when that file cannot be opened; every other failure is reported in

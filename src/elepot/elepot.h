@@ -10,19 +10,26 @@
 
 namespace kvx::elepot {
 
+struct PointLines;
+
 // Set-up for one grid and threshold: 1 = ready, 0 = refused. numt is
 // accepted and ignored (one work share).
 int elepot_init(const moldata::Molecule* mol, const grid::Grid* grid, double memmax, double thresh, int numt);
 // Frees everything the set-up and the integral worker hold, including the
 // Boys tables.
 void elepot_cleanup();
-// Nuclear plus electronic potential at every point of the installed grid.
-void comp_elepot(double* out, const moldata::Molecule* mol);
-// out[p] = sum_A Z_A / |r_p - R_A| over the installed grid's points.
-void nuclear_potential(double* out, const moldata::Atom* atoms, int natoms);
+// Nuclear plus electronic potential at every point of the set-up's grid.
+// admit (one flag per point, or null for all): a point whose flag is 0 gets
+// only the nuclear term.
+void comp_elepot(double* out, const moldata::Molecule* mol, const unsigned char* admit = nullptr);
+// out[p] = sum_A Z_A / |r_p - R_A| over the points of lines; a point on a
+// nucleus takes no term from it.
+void nuclear_potential(double* out, const PointLines& lines, const moldata::Atom* atoms, int natoms);
 
-// One work share of the integral worker: its output, the molecule's total
-// density, shells and counts, and the share index.
+// One work share of the integral worker: its output (indexed by point), the
+// molecule's total density, shells and counts, the share index, and the
+// points it integrates (count -1: all from first on) with their admission
+// flags (null: all).
 struct PotShare {
     double* out = nullptr;
     const moldata::TriMatrix* density = nullptr;
@@ -30,18 +37,14 @@ struct PotShare {
     int nshell = 0;
     int nbasis = 0;
     int index = 0;
+    long first = 0;
+    long count = -1;
+    const unsigned char* admit = nullptr;
 };
 // Electronic part, subtracted into share.out: out -= sum_ab D_ab <a|1/|r-C||b>.
 void pot_ints(PotShare& share);
 
 // Slice sizes (points per integral-block batch) chosen by the last set-up.
 const std::vector<int>& elepot_slice_sizes();
-
-// Points for which the filter answers false are not integrated (their
-// electronic part is left out): the charge fit installs its own distance
-// test here while it is set up. Null removes the filter. The filter belongs
-// to the module that installs it: elepot_cleanup leaves it in place.
-using PointFilter = bool (*)(const double r[3]);
-void elepot_set_point_filter(PointFilter f);
 
 }  // namespace kvx::elepot

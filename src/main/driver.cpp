@@ -243,7 +243,10 @@ void run_chelp(RunState& st) {
     if (!st.chelp_ready) st.chelp_ready = chelp::chelp_setup(st.mol.get(), opt_d("-thresh"));
     if (st.chelp_ready && st.pot_ready && st.potgrid) {
         abort_flag = 0;
-        elepot::comp_elepot(st.potgrid->values.data(), st.mol.get());
+        // Only the points the fit can use are integrated; the others keep
+        // the nuclear term.
+        const std::vector<unsigned char> admit = chelp::chelp_point_mask(st.grid.get());
+        elepot::comp_elepot(st.potgrid->values.data(), st.mol.get(), admit.empty() ? nullptr : admit.data());
         if (!abort_flag) chelp::chelpg(st.potgrid.get(), st.jobname.c_str());
     }
     abort_flag = 0;

@@ -170,12 +170,12 @@ std::string g_stdout;
 
 // Set-up and run; `other` is installed in between, as another evaluator may.
 std::vector<double> potential(const Molecule& mol, const Grid& g, double thresh, double memmax = 400.0,
-                              const Grid* other = nullptr) {
+                              const Grid* other = nullptr, const unsigned char* admit = nullptr) {
     EXPECT_EQ(ep::elepot_init(&mol, &g, memmax, thresh, 1), 1);
     kvx::grid::grid_install(other);
     std::vector<double> out(g.total, -123.0);
     testing::internal::CaptureStdout();
-    ep::comp_elepot(out.data(), &mol);
+    ep::comp_elepot(out.data(), &mol, admit);
     g_stdout = testing::internal::GetCapturedStdout();
     return out;
 }
@@ -185,7 +185,6 @@ class Elepot : public testing::Test {
     void SetUp() override { kvx::common::abort_flag = 0; }
     void TearDown() override {
         kvx::common::abort_flag = 0;
-        ep::elepot_set_point_filter(nullptr);
         ep::elepot_cleanup();
     }
 };
@@ -221,9 +220,10 @@ TEST_F(Elepot, MixedShellsMatchMcMurchieDavidson) {
     ASSERT_EQ(static_cast<int>(fns.size()), mol->nbasis);
     const auto g = box({0.25, 0.15, 0.05}, 0.8, {3, 3, 3});
     const auto v = potential(*mol, *g, 1e-15);
+    const auto geo = kvx::grid::grid_geometry(*g);
     for (unsigned k = 0; k < g->total; ++k) {
         double r[3], el = 0, scale = 0;
-        kvx::grid::grid_point_of_index(r, static_cast<int>(k));
+        geo.point_of_index(r, static_cast<int>(k));
         for (std::size_t i = 0; i < fns.size(); ++i)
             for (std::size_t j = 0; j < fns.size(); ++j) {
                 double s = 0;
@@ -262,13 +262,11 @@ TEST_F(Elepot, ClosedAndOpenShellMatchPsi4) {
     }
 }
 
-bool reject_positive_x(const double r[3]) { return r[0] <= 0.0; }
-
 // A full run reports progress (10 shells, 55 pairs: a line whenever the share
 // done passes the last line by 10%). Slices only batch the points: many even
 // or uneven slices give the values of one, too little memory for one block is
 // refused, and a grid installed between set-up and run is not the one
-// computed. Points the filter rejects keep only the nuclear term.
+// computed. Points the mask rejects keep only the nuclear term.
 TEST_F(Elepot, ProgressSlicesForeignGridAndPointFilter) {
     auto mol = kvx::moldata::build_molecule(KVX_TEST_DATA "/water/water");
     const auto g = box({0.3, -0.1, 0.4}, 0.6, {5, 4, 3});
@@ -286,12 +284,18 @@ TEST_F(Elepot, ProgressSlicesForeignGridAndPointFilter) {
     }
     EXPECT_EQ(ep::elepot_init(mol.get(), g.get(), 0.001, 1e-10, 1), 0);
     EXPECT_EQ(potential(*mol, *g, 1e-10, 400.0, box({5.0, 5.0, 5.0}, 0.2, {3, 3, 3}).get()), one);
-    ep::elepot_set_point_filter(reject_positive_x);
-    const auto part = potential(*mol, *g, 1e-10);
+    const auto geo = kvx::grid::grid_geometry(*g);
+    std::vector<unsigned char> admit(g->total);
+    for (unsigned k = 0; k < g->total; ++k) {
+        double r[3];
+        geo.point_of_index(r, static_cast<int>(k));
+        admit[k] = r[0] <= 0.0;
+    }
+    const auto part = potential(*mol, *g, 1e-10, 400.0, nullptr, admit.data());
     int rejected = 0;
     for (unsigned k = 0; k < g->total; ++k) {
         double r[3];
-        kvx::grid::grid_point_of_index(r, static_cast<int>(k));
+        geo.point_of_index(r, static_cast<int>(k));
         rejected += r[0] > 0.0;
         if (r[0] > 0.0) EXPECT_NEAR(part[k], nuclear(*mol, r), 1e-13) << "k=" << k;
         else EXPECT_EQ(part[k], one[k]) << "k=" << k;
