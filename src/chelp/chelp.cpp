@@ -161,6 +161,133 @@ std::vector<unsigned char> chelp_point_mask(const grid::Grid* grid) {
     return mask;
 }
 
+namespace {
+
+// The fitted points: x, y, z of each (rp, 3 per point) and its potential (vp).
+struct FitPoints {
+    std::vector<double> rp, vp;
+    int n = 0;
+};
+
+// Grid points in range whose |V| reaches the value threshold, in point
+// order. Null on success, else the report's message.
+const char* select_points(const grid::PropertyGrid& pot, FitPoints& pts) {
+    const int total = static_cast<int>(pot.grid->total);
+    const grid::GridGeometry geo = grid::grid_geometry(*pot.grid);
+    if (!common::try_alloc([&] { pts.rp.resize(3 * static_cast<std::size_t>(total)); }))
+        return "Chelp chelpg: rp is out of memory\n";
+    if (!common::try_alloc([&] { pts.vp.resize(static_cast<std::size_t>(total)); }))
+        return "Chelp chelpg: vp is out of memory\n";
+    int n = 0;
+    for (int k = 0; k < total; ++k) {
+        int idx[3] = {0, 0, 0};
+        double r[3] = {0.0, 0.0, 0.0};
+        geo.indices_of_index(idx, k);
+        geo.point_of_indices(r, idx);
+        if (!chelp_point_in_range(r)) continue;
+        const double v = pot.values[static_cast<std::size_t>(k)];
+        if (std::fabs(v) < state.thresh) continue;
+        double* dst = &pts.rp[3 * static_cast<std::size_t>(n)];
+        dst[0] = r[0];
+        dst[1] = r[1];
+        dst[2] = r[2];
+        pts.vp[static_cast<std::size_t>(n)] = v;
+        ++n;
+    }
+    pts.n = n;
+    if (!common::try_alloc([&] {
+            pts.rp.resize(3 * static_cast<std::size_t>(n));
+            pts.rp.shrink_to_fit();
+        }))
+        return "Chelp chelpg: cannot reallocate rp\n";
+    if (!common::try_alloc([&] {
+            pts.vp.resize(static_cast<std::size_t>(n));
+            pts.vp.shrink_to_fit();
+        }))
+        return "Chelp chelpg: cannot reallocate vp\n";
+    return nullptr;
+}
+
+// The constrained least-squares system of order natoms + 1, column-major
+// A(row, col) = a[col n + row]:
+//   A(b, a) = sum_k w_k / (|r_k - R_a| |r_k - R_b|),  B(a) = sum_k w_k V_k / |r_k - R_a|,
+// with a row of ones and a column of halves for the total charge. Null on
+// success, else the report's message.
+const char* build_system(const FitPoints& pts, std::vector<double>& a, std::vector<double>& b) {
+    const int natoms = state.natoms;
+    const moldata::Atom* atoms = state.atoms;
+    const std::size_t nn = static_cast<std::size_t>(natoms) + 1;
+    std::vector<double> w, invd;
+    if (!common::try_alloc([&] { w.assign(static_cast<std::size_t>(pts.n), 1.0); }))
+        return "Chelp chelpg: cannot allocate w\n";
+    if (!common::try_alloc([&] {
+            a.assign(nn * nn, 0.0);
+            invd.resize(static_cast<std::size_t>(natoms));
+        }))
+        return "Chelp chelpg: cannot allocate a\n";
+    if (!common::try_alloc([&] { b.assign(nn, 0.0); })) return "Chelp chelpg: cannot allocate b\n";
+    for (int k = 0; k < pts.n; ++k) {
+        const double* r = &pts.rp[3 * static_cast<std::size_t>(k)];
+        for (int i = 0; i < natoms; ++i) invd[i] = 1.0 / distance(r, atoms[i]);
+        const double wk = w[k];
+        const double wv = wk * pts.vp[k];
+        for (int i = 0; i < natoms; ++i) {
+            double* col = &a[static_cast<std::size_t>(i) * nn];
+            const double wi = wk * invd[i];
+            for (int j = 0; j < natoms; ++j) col[j] += wi * invd[j];
+            b[i] += wv * invd[i];
+        }
+    }
+    // The Lagrange multiplier is carried as half its value, so A is not
+    // symmetric: intended.
+    for (int i = 0; i < natoms; ++i) {
+        a[static_cast<std::size_t>(i) * nn + natoms] = 1.0;
+        a[static_cast<std::size_t>(natoms) * nn + i] = 0.5;
+    }
+    a[static_cast<std::size_t>(natoms) * nn + natoms] = 0.0;
+    b[natoms] = state.charge;
+    return nullptr;
+}
+
+// RMS error (the root of the sum of squares divided by the point count:
+// square root first, intended) and the largest relative error of the charges'
+// potential F(k) = sum_a q_a / |r_k - R_a| against V(k).
+void fit_errors(const FitPoints& pts, const std::vector<double>& q, double& rms, double& maxrel) {
+    maxrel = -1.0;
+    double sumsq = 0.0;
+    for (int k = 0; k < pts.n; ++k) {
+        const double* r = &pts.rp[3 * static_cast<std::size_t>(k)];
+        double f = 0.0;
+        for (int i = 0; i < state.natoms; ++i) f += q[i] / distance(r, state.atoms[i]);
+        const double diff = pts.vp[k] - f;
+        const double rel = std::fabs(diff / f);
+        if (rel > maxrel) maxrel = rel;
+        sumsq += diff * diff;
+    }
+    rms = std::sqrt(sumsq) / pts.n;
+}
+
+void write_report(std::FILE* fp, const std::vector<double>& q, double rms, double maxrel) {
+    const moldata::Atom* atoms = state.atoms;
+    std::fputs("\nCHELPG results: \n\n", fp);
+    std::fprintf(fp, "RMS error (a.u.) %f     Max. relative error %f\n\n", rms, maxrel);
+    std::fputs("Atom       Charge\n\n", fp);
+    double qsum = 0.0, dip[3] = {0.0, 0.0, 0.0};
+    for (int i = 0; i < state.natoms; ++i) {
+        std::fprintf(fp, " %-10s % f\n", atoms[i].symbol.c_str(), q[i]);
+        qsum += q[i];
+        dip[0] += q[i] * atoms[i].x;
+        dip[1] += q[i] * atoms[i].y;
+        dip[2] += q[i] * atoms[i].z;
+    }
+    std::fprintf(fp, "\n Total      % f\n", qsum);
+    const double dtot = std::sqrt(dip[0] * dip[0] + dip[1] * dip[1] + dip[2] * dip[2]);
+    std::fprintf(fp, "\n CHELP dipole/D  = % f % f % f total= % f D\n\n", dip[0] / kAuPerDebye, dip[1] / kAuPerDebye,
+                 dip[2] / kAuPerDebye, dtot / kAuPerDebye);
+}
+
+}  // namespace
+
 void chelpg(const grid::PropertyGrid* pot, const char* jobname) {
     std::FILE* fp = nullptr;
     if (jobname) {
@@ -175,85 +302,16 @@ void chelpg(const grid::PropertyGrid* pot, const char* jobname) {
         return fail(fp, "Chelp chelpg: no electrostatic potential defined\n");
     if (pot->grid->total > static_cast<unsigned>(INT_MAX)) return fail(fp, "Chelp chelpg: rp is out of memory\n");
 
-    const int natoms = state.natoms;
-    const moldata::Atom* atoms = state.atoms;
-    const int total = static_cast<int>(pot->grid->total);
-    const grid::GridGeometry geo = grid::grid_geometry(*pot->grid);
+    FitPoints pts;
+    if (const char* msg = select_points(*pot, pts)) return fail(fp, msg);
+    if (pts.n == 0) return fail(fp, "Chelp chelpg: no points inside chelp range\n");
+    std::fprintf(fp, "\nUsed %d out of %d points\n", pts.n, static_cast<int>(pot->grid->total));
 
-    // Point selection: rp holds x, y, z of each taken point (3 x n), vp its value.
-    std::vector<double> rp, vp;
-    if (!common::try_alloc([&] { rp.resize(3 * static_cast<std::size_t>(total)); }))
-        return fail(fp, "Chelp chelpg: rp is out of memory\n");
-    if (!common::try_alloc([&] { vp.resize(static_cast<std::size_t>(total)); }))
-        return fail(fp, "Chelp chelpg: vp is out of memory\n");
-    int npts = 0;
-    for (int k = 0; k < total; ++k) {
-        int idx[3] = {0, 0, 0};
-        double r[3] = {0.0, 0.0, 0.0};
-        geo.indices_of_index(idx, k);
-        geo.point_of_indices(r, idx);
-        if (!chelp_point_in_range(r)) continue;
-        const double v = pot->values[static_cast<std::size_t>(k)];
-        if (std::fabs(v) < state.thresh) continue;
-        double* dst = &rp[3 * static_cast<std::size_t>(npts)];
-        dst[0] = r[0];
-        dst[1] = r[1];
-        dst[2] = r[2];
-        vp[static_cast<std::size_t>(npts)] = v;
-        ++npts;
-    }
-    if (!common::try_alloc([&] {
-            rp.resize(3 * static_cast<std::size_t>(npts));
-            rp.shrink_to_fit();
-        }))
-        return fail(fp, "Chelp chelpg: cannot reallocate rp\n");
-    if (!common::try_alloc([&] {
-            vp.resize(static_cast<std::size_t>(npts));
-            vp.shrink_to_fit();
-        }))
-        return fail(fp, "Chelp chelpg: cannot reallocate vp\n");
-    if (npts == 0) return fail(fp, "Chelp chelpg: no points inside chelp range\n");
-
-    std::fprintf(fp, "\nUsed %d out of %d points\n", npts, total);
-
-    std::vector<double> w, a, b, invd;
+    std::vector<double> a, b;
+    if (const char* msg = build_system(pts, a, b)) return fail(fp, msg);
     std::vector<int> ipiv;
-    const int n = natoms + 1;
-    const std::size_t nn = static_cast<std::size_t>(n);
-    if (!common::try_alloc([&] { w.assign(static_cast<std::size_t>(npts), 1.0); }))
-        return fail(fp, "Chelp chelpg: cannot allocate w\n");
-    if (!common::try_alloc([&] {
-            a.assign(nn * nn, 0.0);
-            invd.resize(static_cast<std::size_t>(natoms));
-        }))
-        return fail(fp, "Chelp chelpg: cannot allocate a\n");
-    if (!common::try_alloc([&] { b.assign(nn, 0.0); })) return fail(fp, "Chelp chelpg: cannot allocate b\n");
-    if (!common::try_alloc([&] { ipiv.resize(nn); })) return fail(fp, "Chelp chelpg: cannot allocate ipiv\n");
-
-    // Column-major A(row, col) = a[col * n + row]:
-    //   A(b, a) = sum_k w_k / (|r_k - R_a| |r_k - R_b|),  B(a) = sum_k w_k V_k / |r_k - R_a|.
-    for (int k = 0; k < npts; ++k) {
-        const double* r = &rp[3 * static_cast<std::size_t>(k)];
-        for (int i = 0; i < natoms; ++i) invd[i] = 1.0 / distance(r, atoms[i]);
-        const double wk = w[k];
-        const double wv = wk * vp[k];
-        for (int i = 0; i < natoms; ++i) {
-            double* col = &a[static_cast<std::size_t>(i) * nn];
-            const double wi = wk * invd[i];
-            for (int j = 0; j < natoms; ++j) col[j] += wi * invd[j];
-            b[i] += wv * invd[i];
-        }
-    }
-    // Constraint: a row of ones and a column of halves; the Lagrange
-    // multiplier is carried as half its value, so A is not symmetric.
-    for (int i = 0; i < natoms; ++i) {
-        a[static_cast<std::size_t>(i) * nn + natoms] = 1.0;
-        a[static_cast<std::size_t>(natoms) * nn + i] = 0.5;
-    }
-    a[static_cast<std::size_t>(natoms) * nn + natoms] = 0.0;
-    b[natoms] = state.charge;
-
-    const int nrhs = 1;
+    if (!common::try_alloc([&] { ipiv.resize(b.size()); })) return fail(fp, "Chelp chelpg: cannot allocate ipiv\n");
+    const int n = state.natoms + 1, nrhs = 1;
     int info = 0;
     dgesv_(&n, &nrhs, a.data(), &n, ipiv.data(), b.data(), &n, &info);
     if (info != 0) {
@@ -262,38 +320,10 @@ void chelpg(const grid::PropertyGrid* pot, const char* jobname) {
         return;
     }
     std::vector<double>& q = b;  // charges in b[0 .. natoms-1]
-
-    double maxrel = -1.0;
-    double sumsq = 0.0;
-    for (int k = 0; k < npts; ++k) {
-        const double* r = &rp[3 * static_cast<std::size_t>(k)];
-        double f = 0.0;
-        for (int i = 0; i < natoms; ++i) f += q[i] / distance(r, atoms[i]);
-        const double diff = vp[k] - f;
-        const double rel = std::fabs(diff / f);
-        if (rel > maxrel) maxrel = rel;
-        sumsq += diff * diff;
-    }
-    // Square root first, then the division by the point count: intended.
-    const double rms = std::sqrt(sumsq) / npts;
-
+    double rms = 0.0, maxrel = 0.0;
+    fit_errors(pts, q, rms, maxrel);
     average_equivalent(q);
-
-    std::fputs("\nCHELPG results: \n\n", fp);
-    std::fprintf(fp, "RMS error (a.u.) %f     Max. relative error %f\n\n", rms, maxrel);
-    std::fputs("Atom       Charge\n\n", fp);
-    double qsum = 0.0, dip[3] = {0.0, 0.0, 0.0};
-    for (int i = 0; i < natoms; ++i) {
-        std::fprintf(fp, " %-10s % f\n", atoms[i].symbol.c_str(), q[i]);
-        qsum += q[i];
-        dip[0] += q[i] * atoms[i].x;
-        dip[1] += q[i] * atoms[i].y;
-        dip[2] += q[i] * atoms[i].z;
-    }
-    std::fprintf(fp, "\n Total      % f\n", qsum);
-    const double dtot = std::sqrt(dip[0] * dip[0] + dip[1] * dip[1] + dip[2] * dip[2]);
-    std::fprintf(fp, "\n CHELP dipole/D  = % f % f % f total= % f D\n\n", dip[0] / kAuPerDebye, dip[1] / kAuPerDebye,
-                 dip[2] / kAuPerDebye, dtot / kAuPerDebye);
+    write_report(fp, q, rms, maxrel);
     std::fclose(fp);
 }
 
