@@ -105,9 +105,14 @@ void elepot_cleanup() {
     fmch_release();
 }
 
-int elepot_init(const moldata::Molecule* mol, const grid::Grid* grid, double memmax, double thresh, int /*numt*/) {
+namespace {
+
+// Set-up on the points of lines (moved into the state). The slices hold the
+// integral blocks (maxfun^2 doubles per point) and, for a list, also the line
+// tables of their points; together they fit in memmax megabytes.
+int setup(const moldata::Molecule* mol, PointLines&& lines, const grid::Grid* grid, double memmax, double thresh) {
     elepot_cleanup();
-    if (!mol || !grid || mol->shells.empty()) return 0;
+    if (!mol || mol->shells.empty()) return 0;
     PotSetup& S = g_ep;
 
     int L = 0, maxcomp = 0, maxcontr = 0, maxfun = 0, maxprim = 0;
@@ -122,10 +127,15 @@ int elepot_init(const moldata::Molecule* mol, const grid::Grid* grid, double mem
     if (!mol->density || mol->density->n < mol->nbasis) return 0;
     S.numt = 1;
 
-    // Integral blocks are sliced so that one slice (maxfun^2 doubles per
-    // point) fits in memmax megabytes.
     const double avail = memmax * 131072.0;
-    const double need = static_cast<double>(maxfun) * maxfun * 8.0;
+    double need = static_cast<double>(maxfun) * maxfun * 8.0;
+    if (!lines.lattice) {
+        // Per point of a list: its own x, y and z line of THO factors and PC
+        // powers for every primitive pair.
+        const double pairs = static_cast<double>(maxprim) * maxprim;
+        const double per_line = static_cast<double>(L + 1) * (L + 1) * (2 * L + 1) + std::max(2 * L, 2) + 1;
+        need += 3.0 * pairs * per_line * 8.0;
+    }
     if (!(need <= avail)) return 0;
 
     if (!grow_factorials(S, 2 * L)) return 0;
@@ -137,7 +147,8 @@ int elepot_init(const moldata::Molecule* mol, const grid::Grid* grid, double mem
     S.L = L;
     S.maxcomp = maxcomp;
 
-    if (!common::try_alloc([&] { S.lines = lattice_lines(*grid); }) || S.lines.npoints <= 0) {
+    S.lines = std::move(lines);
+    if (S.lines.npoints <= 0) {
         elepot_cleanup();
         return 0;
     }
@@ -162,6 +173,33 @@ int elepot_init(const moldata::Molecule* mol, const grid::Grid* grid, double mem
     S.thresh = thresh;
     return 1;
 }
+
+}  // namespace
+
+int elepot_init(const moldata::Molecule* mol, const grid::Grid* grid, double memmax, double thresh, int /*numt*/) {
+    if (!grid) {
+        elepot_cleanup();
+        return 0;
+    }
+    PointLines lines;
+    if (!common::try_alloc([&] { lines = lattice_lines(*grid); })) {
+        elepot_cleanup();
+        return 0;
+    }
+    return setup(mol, std::move(lines), grid, memmax, thresh);
+}
+
+int elepot_init_points(const moldata::Molecule* mol, const double* xyz, long n, double memmax, double thresh,
+                       int /*numt*/) {
+    PointLines lines;
+    if (!xyz || n <= 0 || !common::try_alloc([&] { lines = list_lines(xyz, n); })) {
+        elepot_cleanup();
+        return 0;
+    }
+    return setup(mol, std::move(lines), nullptr, memmax, thresh);
+}
+
+long elepot_point_count() { return g_ep.L >= 0 ? g_ep.lines.npoints : 0; }
 
 void nuclear_potential(double* out, const PointLines& lines, const moldata::Atom* atoms, int natoms) {
     if (!out) return;

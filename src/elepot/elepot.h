@@ -15,10 +15,16 @@ struct PointLines;
 // Set-up for one grid and threshold: 1 = ready, 0 = refused. numt is
 // accepted and ignored (one work share).
 int elepot_init(const moldata::Molecule* mol, const grid::Grid* grid, double memmax, double thresh, int numt);
+// Set-up for a list of n points (x y z each, bohr) instead of a grid; the
+// potential is then computed at those points in their order.
+int elepot_init_points(const moldata::Molecule* mol, const double* xyz, long n, double memmax, double thresh, int numt);
+// Points of the current set-up (0 when not set up).
+long elepot_point_count();
 // Frees everything the set-up and the integral worker hold, including the
 // Boys tables.
 void elepot_cleanup();
-// Nuclear plus electronic potential at every point of the set-up's grid.
+// Nuclear plus electronic potential at every point of the set-up's grid or
+// list (out holds elepot_point_count() values).
 // admit (one flag per point, or null for all): a point whose flag is 0 gets
 // only the nuclear term.
 void comp_elepot(double* out, const moldata::Molecule* mol, const unsigned char* admit = nullptr);

@@ -303,6 +303,29 @@ TEST_F(Elepot, ProgressSlicesForeignGridAndPointFilter) {
     EXPECT_EQ(rejected, 36);  // x = 0.3, 0.9, 1.5
 }
 
+// A list of points is a lattice whose every point has its own lines: the
+// grid's points given as a list get the grid's values to the last bit, also
+// when the lines of each point fill small slices.
+TEST_F(Elepot, PointListMatchesTheGrid) {
+    auto mol = kvx::moldata::build_molecule(KVX_TEST_DATA "/water/water");
+    const auto g = box({0.3, -0.1, 0.4}, 0.6, {5, 4, 3});
+    const auto on_grid = potential(*mol, *g, 1e-10);
+    const auto geo = kvx::grid::grid_geometry(*g);
+    std::vector<double> xyz(3 * g->total);
+    for (unsigned k = 0; k < g->total; ++k) geo.point_of_index(&xyz[3 * k], static_cast<int>(k));
+    for (double memmax : {400.0, 1.0}) {
+        ASSERT_EQ(ep::elepot_init_points(mol.get(), xyz.data(), g->total, memmax, 1e-10, 1), 1);
+        ASSERT_EQ(ep::elepot_point_count(), static_cast<long>(g->total));
+        EXPECT_EQ(ep::elepot_slice_sizes().size() > 1, memmax < 100);
+        std::vector<double> out(g->total);
+        testing::internal::CaptureStdout();
+        ep::comp_elepot(out.data(), mol.get());
+        testing::internal::GetCapturedStdout();
+        EXPECT_EQ(out, on_grid) << "memmax " << memmax;
+    }
+    EXPECT_EQ(ep::elepot_init_points(mol.get(), xyz.data(), 0, 400.0, 1e-10, 1), 0);
+}
+
 // An interrupt seen after the first shell pair ends the run with " ABORTED"
 // and the values of a density holding only the first shell's block.
 TEST_F(Elepot, AbortStopsAfterTheCurrentShellPair) {
