@@ -118,6 +118,8 @@ SourceJob read_fchk(const std::vector<std::string>& lines) {
     SourceJob job;
     job.format = "formatted checkpoint";
     job.cartesian = fchk_cartesian_order();
+    job.conventions = {{"formatted checkpoint (each cartesian function normalised)", CartesianNorm::EachFunction},
+                       {"formatted checkpoint with cartesian functions normalised all like x^l", CartesianNorm::LikeAxis}};
 
     const Entry& zs = need(es, "Atomic numbers");
     const Entry& xyz = need(es, "Current cartesian coordinates");

@@ -40,8 +40,18 @@ void print_report(const std::string& input, const SourceJob& src, const ImportRe
         std::printf("  orbitals: %d alpha, %d beta (unrestricted)\n", r.norb_alpha, r.norb_beta);
     std::printf("  electrons %d (alpha %d, beta %d), charge %d, multiplicity %d\n", r.nalpha + r.nbeta, r.nalpha,
                 r.nbeta, r.charge, r.multiplicity);
-    if (r.has_cartesian)
-        std::printf("  cartesian functions normalised %s\n", r.cartesian_like_axis ? "all like x^l" : "each on its own");
+    std::printf("  normalisation: %s\n", r.convention.c_str());
+    if (!r.valence_charges.empty()) {
+        std::printf("  effective core potentials: nuclear charges written are the valence charges (");
+        std::string done;
+        for (std::size_t i = 0; i < r.valence_charges.size(); ++i) {
+            const auto& [label, q] = r.valence_charges[i];
+            if (done.find(" " + label + " ") != std::string::npos) continue;
+            std::printf("%s%s %g", done.empty() ? "" : ", ", label.c_str(), q);
+            done += " " + label + " ";
+        }
+        std::printf("); the potential and the charge fit use them\n");
+    }
     std::printf("  orbitals orthonormal in Kalvex's overlap: largest |C S C^T - I| %.1e (occupied), %.1e (all)\n",
                 r.orthonormality.occupied, r.orthonormality.all);
     for (const auto& f : r.removed) std::printf("  removed %s (left from an earlier job of this name)\n", f.c_str());

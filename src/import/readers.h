@@ -26,6 +26,10 @@ SourceJob read_molden(const std::vector<std::string>& lines);
 // MO coefficients and energies, electron counts, charge, multiplicity.
 SourceJob read_fchk(const std::vector<std::string>& lines);
 
+// The normalisations Molden writers use, ORCA's first when the file names
+// its writer as ORCA.
+std::vector<Convention> molden_conventions(bool orca_first);
+
 // Component orders of cartesian shells in each format.
 CartesianConvention molden_cartesian_order();
 CartesianConvention fchk_cartesian_order();
