@@ -235,6 +235,11 @@ SourceFormat detect_format(const std::vector<std::string>& lines) {
         const auto t = tokens(lines[i]);
         if (t.size() >= 5 && t[0] == "Number" && t[1] == "of" && t[2] == "atoms" && t[3] == "I") return SourceFormat::Fchk;
     }
+    if (lines.size() > 1 && lines[1].find("MOL ORBITALS") != std::string::npos &&
+        lines[1].find("PRIMITIVES") != std::string::npos)
+        return SourceFormat::Wfn;
+    for (std::size_t i = 0; i < lines.size() && i < 200; ++i)
+        if (trim(lines[i]) == "<Number of Nuclei>" || trim(lines[i]) == "<Keywords>") return SourceFormat::Wfx;
     for (const std::string& line : lines) {
         const std::string t = lower(trim(line));
         if (t.rfind("[molden format]", 0) == 0 || t.rfind("[atoms]", 0) == 0 || t.rfind("[gto]", 0) == 0)

@@ -17,12 +17,17 @@ SourceJob read_source(const std::string& path) {
     text << in.rdbuf();
     if (in.bad()) throw ImportError("cannot read the file", 0);
     const std::string s = text.str();
-    if (s.find('\0') != std::string::npos) throw ImportError("binary data: not a Molden or formatted checkpoint file", 0);
+    if (s.find('\0') != std::string::npos) throw ImportError("binary data: not a Molden, formatted checkpoint or AIM file", 0);
     const std::vector<std::string> lines = split_lines(s);
     switch (detect_format(lines)) {
         case SourceFormat::Fchk: return read_fchk(lines);
         case SourceFormat::Molden: return read_molden(lines);
-        default: throw ImportError("neither a Molden nor a formatted checkpoint file", 1);
+        case SourceFormat::Wfn: return read_wfn(lines);
+        case SourceFormat::Wfx: return read_wfx(lines);
+        default:
+            throw ImportError("neither a Molden, a formatted checkpoint nor an AIM wfn or wfx file (expected \"[Atoms]\", "
+                              "\"Number of atoms   I\", \"GAUSSIAN ... MOL ORBITALS\" or \"<Number of Nuclei>\")",
+                              1);
     }
 }
 
@@ -66,7 +71,7 @@ int run_import(int argc, char** argv) {
     if (argc != 3) {
         std::fprintf(stderr,
                      "usage: kalvex-import INPUT JOB\n"
-                     "  INPUT: a Molden (.molden) or formatted checkpoint (.fchk) file\n"
+                     "  INPUT: a Molden (.molden), formatted checkpoint (.fchk) or AIM (.wfn, .wfx) file\n"
                      "  JOB:   the Kalvex job to write (JOB.control, JOB.coord, JOB.basis, JOB.mos, JOB.mob)\n");
         return 1;
     }

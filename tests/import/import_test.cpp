@@ -275,7 +275,7 @@ TEST(Import, RefusedFilesLeaveNothingBehind) {
         std::string text;
         const char* message;
     } cases[] = {
-        {"empty.molden", "", "neither a Molden nor"},
+        {"empty.molden", "", "neither a Molden"},
         {"noise.fchk", std::string("\x7f""ELF\x02\x01\x01\0\0\0garbage", 18), "binary data"},
         {"words.molden", "[Molden Format]\nthis is not a job\n", "no [Atoms] section"},
         {"cut_atoms.molden", cut_before(molden, "[Atoms]", 2), "no [GTO]"},
