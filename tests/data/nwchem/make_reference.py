@@ -9,6 +9,9 @@ Writes, per job NAME: NAME.molden and NAME.wfn (NWChem's property module,
 moldenfile with molden_norm none, and aimfile), NAME.orb (orbital values from
 NWChem's dplot module at the points of a small grid) and NAME.esp (NWChem's
 esp module: the electrostatic potential at its fitting points, a subset).
+For the cartesian jobs it also writes NAME.wfx: the same wavefunction as
+NAME.wfn rewritten here in the wfx layout (NWChem 7.0.2 writes no wfx), with
+the values copied as NWChem printed them.
 All NWChem scratch and output files go to a temporary directory that is
 removed. The jobs run on one process and are deterministic.
 """
@@ -43,6 +46,8 @@ JOBS = [
     dict(name="ch2_cart", atoms=CH2, mult=3, scf="uhf", basis="cc-pVTZ", cart=True,
          alpha=[1, 4, 5, 6, 7, 40], beta=[1, 2, 3, 4, 5, 40]),
     dict(name="oh_rohf", atoms=OH, mult=2, scf="rohf", basis="cc-pVDZ", cart=False,
+         alpha=[1, 4, 5, 6, 7], beta=[]),
+    dict(name="oh_rohf_cart", atoms=OH, mult=2, scf="rohf", basis="cc-pVDZ", cart=True,
          alpha=[1, 4, 5, 6, 7], beta=[]),
 ]
 
@@ -95,6 +100,79 @@ def insight_values(path):
     return [float(v) for v in lines[5:] if v.strip()]
 
 
+def wfn_to_wfx(src, dst, job):
+    """The wfn file in the wfx layout: nuclei, primitives, orbitals with
+    their spins (alpha then beta, as NWChem numbers them afresh)."""
+    lines = open(src).read().split("\n")
+    nmo, nprim, nat = (int(lines[1].split()[k]) for k in (1, 4, 6))
+    atoms = []
+    for line in lines[2:2 + nat]:
+        charge = float(line.split("CHARGE =")[1])
+        xyz = line[line.index(")") + 1:line.index("CHARGE")].split()
+        atoms.append((line.split()[0], charge, xyz))
+    centres, types, exps, mos = [], [], [], []
+    for line in lines[2 + nat:]:
+        if line.startswith("CENTRE ASSIGNMENTS"):
+            centres += line[20:].split()
+        elif line.startswith("TYPE ASSIGNMENTS"):
+            types += line[20:].split()
+        elif line.startswith("EXPONENTS"):
+            exps += line[10:].split()
+        elif line.startswith("MO"):
+            f = line.split()
+            mos.append([int(f[1]), line.split("OCC NO =")[1].split()[0], line.split("ENERGY =")[1].split()[0], []])
+        elif line.startswith("END DATA"):
+            break
+        elif mos:
+            mos[-1][3] += line.split()
+    assert len(mos) == nmo and all(len(m[3]) == nprim for m in mos) and len(exps) == nprim
+    unrestricted = job["scf"] == "uhf"
+    spins, beta = [], False
+    for k, m in enumerate(mos):
+        beta = beta or (k > 0 and m[0] <= mos[k - 1][0])
+        spins.append(("Beta" if beta else "Alpha") if unrestricted else
+                     ("Alpha and Beta" if float(m[1]) > 1.5 else "Alpha"))
+    z = {"H": 1, "C": 6, "O": 8}
+    nelec = sum(float(m[1]) for m in mos)
+    nalpha = sum(1 for k, m in enumerate(mos) if spins[k] != "Beta")
+
+    def tag(name, values, per_line=5):
+        out = ["<%s>" % name]
+        for i in range(0, len(values), per_line):
+            out.append(" " + " ".join(values[i:i + per_line]))
+        out.append("</%s>" % name)
+        return out
+
+    w = tag("Title", ["NWChem 7.0.2 %s, rewritten from its wfn file" % job["name"]])
+    w += tag("Keywords", ["GTO"])
+    w += tag("Number of Nuclei", [str(nat)])
+    w += tag("Number of Occupied Molecular Orbitals", [str(nmo)])
+    w += tag("Number of Perturbations", ["0"])
+    w += tag("Nuclear Names", ["%s%d" % (a[0], k + 1) for k, a in enumerate(atoms)], 1)
+    w += tag("Atomic Numbers", [str(z[a[0]]) for a in atoms])
+    w += tag("Nuclear Charges", ["%.1f" % a[1] for a in atoms])
+    w += tag("Nuclear Cartesian Coordinates", [c for a in atoms for c in a[2]], 3)
+    w += tag("Net Charge", ["%d" % round(sum(a[1] for a in atoms) - nelec)])
+    w += tag("Number of Electrons", ["%d" % round(nelec)])
+    w += tag("Number of Alpha Electrons", ["%d" % nalpha])
+    w += tag("Number of Beta Electrons", ["%d" % round(nelec - nalpha)])
+    w += tag("Electronic Spin Multiplicity", [str(job["mult"])])
+    w += tag("Number of Primitives", [str(nprim)])
+    w += tag("Primitive Centers", centres)
+    w += tag("Primitive Types", types)
+    w += tag("Primitive Exponents", exps)
+    w += tag("Molecular Orbital Occupation Numbers", [m[1] for m in mos], 1)
+    w += tag("Molecular Orbital Energies", [m[2] for m in mos], 1)
+    w += tag("Molecular Orbital Spin Types", spins, 1)
+    w.append("<Molecular Orbital Primitive Coefficients>")
+    for k, m in enumerate(mos):
+        w += tag("MO Number", [str(k + 1)])
+        w += [" " + " ".join(m[3][i:i + 5]) for i in range(0, nprim, 5)]
+    w.append("</Molecular Orbital Primitive Coefficients>")
+    with open(dst, "w") as f:
+        f.write("\n".join(w) + "\n")
+
+
 def make(job):
     tmp = tempfile.mkdtemp(prefix="kalvex_nwchem_")
     try:
@@ -131,6 +209,8 @@ task esp
         run(tmp, name, nwchem_input(job, tmp, body))
         shutil.copy(os.path.join(tmp, name + ".molden"), os.path.join(HERE, name + ".molden"))
         shutil.copy(os.path.join(tmp, name + ".wfn"), os.path.join(HERE, name + ".wfn"))
+        if job["cart"]:
+            wfn_to_wfx(os.path.join(HERE, name + ".wfn"), os.path.join(HERE, name + ".wfx"), job)
 
         pts = grid_points()
         cols = []
