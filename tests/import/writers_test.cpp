@@ -187,7 +187,9 @@ INSTANTIATE_TEST_SUITE_P(
                       Case{"nwchem", "oh_rohf", "oh_rohf.molden", "open-shell"},
                       Case{"nwchem", "oh_rohf_cart", "oh_rohf_cart.molden", "open-shell"},
                       Case{"nwchem", "oh_rohf_cart", "oh_rohf_cart.wfn", "open-shell"},
-                      Case{"nwchem", "oh_rohf_cart", "oh_rohf_cart.wfx", "open-shell"}),
+                      Case{"nwchem", "oh_rohf_cart", "oh_rohf_cart.wfx", "open-shell"},
+                      Case{"openmolcas", "water_cart", "water_cart.molden", "restricted"},
+                      Case{"openmolcas", "water_tz", "water_tz.molden", "restricted"}),
     [](const ::testing::TestParamInfo<Case>& info) {
         std::string n = std::string(info.param.dir) + "_" + info.param.file;
         for (char& ch : n)
