@@ -9,6 +9,7 @@
 
 #include "import/readers.h"
 #include "import/text.h"
+#include "moldata/symbols.h"
 
 namespace kvx::import {
 
@@ -83,11 +84,11 @@ CartesianConvention molden_cartesian_order() {
 std::vector<Convention> molden_conventions(bool orca_first) {
     const Convention standard{"Molden (normalised primitives, each cartesian function normalised)",
                               CartesianNorm::EachFunction, false, false};
-    const Convention axis{"Molden with cartesian functions normalised all like x^l (psi4, NWChem)",
+    const Convention axis{"Molden with cartesian functions normalised all like x^l (psi4)",
                           CartesianNorm::LikeAxis, false, false};
     const Convention orca{"ORCA (unnormalised primitives; f and g functions with |m| = 3, 4 negated)",
                           CartesianNorm::EachFunction, true, true};
-    const Convention raw{"Molden with unnormalised primitives", CartesianNorm::EachFunction, true, false};
+    const Convention raw{"Molden with contraction coefficients of unnormalised primitives (NWChem)", CartesianNorm::EachFunction, true, false};
     if (orca_first) return {orca, standard, axis, raw};
     return {standard, axis, raw, orca};
 }
@@ -289,8 +290,18 @@ SourceJob read_molden(const std::vector<std::string>& lines) {
                           natoms_line);
     for (std::size_t a = 0; a < job.atoms.size(); ++a) {
         SourceAtom& at = job.atoms[a];
-        std::string element = atom_names[a];  // "O1", "o_2" -> "o"
-        while (!element.empty() && !std::isalpha(static_cast<unsigned char>(element.back()))) element.pop_back();
+        std::string element;  // "O1", "o_2" -> "o"
+        for (char c : atom_names[a]) {
+            if (!std::isalpha(static_cast<unsigned char>(c)) || element.size() == 2) break;
+            element += c;
+        }
+        // Writers that put the valence charge of an atom with an effective
+        // core potential where the atomic number belongs (psi4: "I 1 25")
+        // still name the element; the difference is a usual core size.
+        const int named = element.empty() ? 0 : moldata::atomic_number(element);
+        static const int kCores[] = {2, 10, 18, 28, 36, 46, 54, 60, 68, 78, 92};
+        if (named <= 103 && std::find(std::begin(kCores), std::end(kCores), named - at.atomic_number) != std::end(kCores))
+            at.atomic_number = named;
         for (const auto& [sym, q] : nval)
             if (sym == element || sym == atom_names[a]) at.nuclear_charge = q;
         if (const auto it = pseudo.find(atom_numbers[a]); it != pseudo.end()) at.nuclear_charge = it->second;
