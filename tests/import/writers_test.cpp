@@ -9,11 +9,14 @@
 // negated), which leaves kalvex's own evaluation of the true orbital.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <map>
+#include <random>
 #include <sstream>
 #include <string>
 #include <utility>
@@ -196,5 +199,108 @@ INSTANTIATE_TEST_SUITE_P(
             if (!std::isalnum(static_cast<unsigned char>(ch))) ch = '_';
         return n;
     });
+
+}  // namespace
+
+namespace {
+
+// Every file below the folder with its contents.
+std::map<std::string, std::string> snapshot(const fs::path& dir) {
+    std::map<std::string, std::string> out;
+    for (const auto& e : fs::recursive_directory_iterator(dir)) out[e.path().lexically_relative(dir).string()] = read_file(e.path());
+    return out;
+}
+
+std::string replaced(std::string text, const std::string& from, const std::string& to) {
+    const std::size_t at = text.find(from);
+    if (at != std::string::npos) text.replace(at, from.size(), to);
+    return text;
+}
+
+CommandResult import_into(const fs::path& dir, const std::string& name, const std::string& text) {
+    std::ofstream(dir / name, std::ios::binary) << text;
+    return run_command("'" KVX_BIN_DIR "/kalvex-import' '" + (dir / name).string() + "' '" + (dir / "job").string() + "'");
+}
+
+// Damaged and hostile files of the new formats and dialects: status 1, one
+// line naming the file (and the line where one is to blame), nothing written.
+TEST(WriterImport, DamagedFilesAreRefusedWhole) {
+    const std::string data = KVX_TEST_DATA "/nwchem/";
+    const std::string wfn = read_file(data + "water_cart.wfn"), wfx = read_file(data + "water_cart.wfx");
+    const std::string molden = read_file(data + "water_cart.molden");
+    ASSERT_GT(wfn.size(), 1000u);
+    ASSERT_GT(wfx.size(), 1000u);
+    const struct {
+        const char* name;
+        std::string text;
+        const char* message;
+    } cases[] = {
+        {"cut.wfn", wfn.substr(0, wfn.find("MO  3")), "the file ends where"},
+        {"no_end.wfn", replaced(wfn, "END DATA", "END"), "expected \"END DATA\""},
+        {"bad_exponent.wfn", replaced(wfn, "5.4846717E+03", "5.48x6717E+03"), "line 10: expected an exponent"},
+        {"far_centre.wfn", replaced(wfn, "CENTRE ASSIGNMENTS    1", "CENTRE ASSIGNMENTS    9"), "centre 9"},
+        {"h_type.wfn", replaced(wfn, "TYPE ASSIGNMENTS      1", "TYPE ASSIGNMENTS     36"), "types 1 to 35"},
+        {"huge.wfn", replaced(wfn, "GAUSSIAN              5 MOL ORBITALS     36 PRIMITIVES",
+                              "GAUSSIAN         999999 MOL ORBITALS 999999 PRIMITIVES"), "implausible"},
+        {"cut.wfx", wfx.substr(0, wfx.size() / 2), "the file ends inside"},
+        {"wrong_close.wfx", replaced(wfx, "</Primitive Types>", "</Primitive Centers>"), "closes no open tag"},
+        {"spin.wfx", replaced(wfx, "Alpha and Beta", "Up"), "expected a spin type"},
+        {"short.wfx", replaced(wfx, "<Number of Primitives>\n 36", "<Number of Primitives>\n 37"), "expected 37"},
+        {"n_atoms.molden", replaced(molden, "[Atoms] AU", "[N_Atoms]\n 4\n[Atoms] AU"), "[N_Atoms] states 4 atoms"},
+        {"scale.molden", replaced(molden, "  s      6  0", "  s      6  -1"), "line 8: expected a positive scale factor"},
+        {"atom_line.molden", replaced(molden, "    1  0", "    1  7"), "expected \"atom-number 0\""},
+    };
+    for (const auto& c : cases) {
+        TempDir dir;
+        std::ofstream(dir.path / "job.mos") << "an earlier job";
+        std::ofstream(dir.path / c.name) << c.text;
+        const auto before = snapshot(dir.path);
+        const CommandResult r = run_command("'" KVX_BIN_DIR "/kalvex-import' '" + (dir.path / c.name).string() + "' '" +
+                                            (dir.path / "job").string() + "'");
+        EXPECT_EQ(r.status, 1) << c.name << ": " << r.out;
+        EXPECT_NE(r.out.find(c.name), std::string::npos) << c.name << ": " << r.out;
+        EXPECT_NE(r.out.find(c.message), std::string::npos) << c.name << ": " << r.out;
+        EXPECT_EQ(std::count(r.out.begin(), r.out.end(), '\n'), 1) << c.name << ": " << r.out;
+        EXPECT_EQ(snapshot(dir.path), before) << c.name;
+    }
+}
+
+// NWChem 7.0.2's wfn files of spherical basis sets carry the d functions
+// scaled by about 0.83 (against its own Molden file of the same job): no
+// known convention makes them orthonormal, and the refusal says by how much.
+TEST(WriterImport, UnknownNormalisationIsRefusedWithItsDeviation) {
+    TempDir dir;
+    const CommandResult r = import_into(dir.path, "water_tz.wfn", read_file(KVX_TEST_DATA "/nwchem/water_tz.wfn"));
+    EXPECT_EQ(r.status, 1) << r.out;
+    EXPECT_NE(r.out.find("water_tz.wfn"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("not orthonormal"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("largest |C S C^T - I| 1.2e-03"), std::string::npos) << r.out;
+    EXPECT_FALSE(fs::exists(dir.path / "job.mos"));
+}
+
+// Cut or scrambled AIM files never crash the importer.
+TEST(WriterImport, DamagedAimFilesNeverCrash) {
+    for (const char* name : {"ch2_cart.wfn", "ch2_cart.wfx"}) {
+        const std::string text = read_file(std::string(KVX_TEST_DATA "/nwchem/") + name);
+        ASSERT_GT(text.size(), 1000u);
+        std::mt19937 gen(11);
+        std::uniform_int_distribution<std::size_t> pos(0, text.size() - 1);
+        std::uniform_int_distribution<int> byte(0, 255);
+        for (int k = 0; k < 16; ++k) {
+            std::string damaged = text;
+            if (k % 2 == 0) {
+                damaged.resize(text.size() * static_cast<std::size_t>(k + 1) / 17);
+            } else {
+                for (int f = 0; f < 4; ++f) damaged[pos(gen)] = static_cast<char>(byte(gen));
+            }
+            TempDir dir;
+            const CommandResult r = import_into(dir.path, name, damaged);
+            ASSERT_TRUE(r.status == 0 || r.status == 1) << name << " case " << k << ": " << r.out;
+            if (r.status == 1) {
+                EXPECT_FALSE(fs::exists(dir.path / "job.mos")) << name << " case " << k;
+            }
+        }
+    }
+}
 
 }  // namespace
