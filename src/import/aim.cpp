@@ -4,6 +4,7 @@
 // centre, angular momentum and exponent become one uncontracted cartesian
 // shell.
 #include <algorithm>
+#include <cctype>
 #include <cmath>
 #include <cstring>
 #include <map>
@@ -264,9 +265,7 @@ SourceJob read_wfn(const std::vector<std::string>& lines) {
                 break;
             }
     for (std::size_t k = 0; k < d.orbitals.size(); ++k) d.orbitals[k].spin = !singly ? 0 : k < beta_from ? 1 : 2;
-    SourceJob job = aim_job(d, "AIM wfn");
-    if (singly && beta_from == d.orbitals.size()) job.beta.clear();
-    return job;
+    return aim_job(d, "AIM wfn");
 }
 
 // Tags "<Name>" ... "</Name>", each on a line of its own, values between.
