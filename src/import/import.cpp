@@ -1,6 +1,7 @@
 #include "import/import.h"
 
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <iterator>
 #include <new>
@@ -57,6 +58,12 @@ void print_report(const std::string& input, const SourceJob& src, const ImportRe
         }
         std::printf("); the potential and the charge fit use them\n");
     }
+    // A file of a job with effective core potentials that gives the full
+    // nuclear charges (NWChem's wfn files do) shows as a highly charged ion.
+    if (r.valence_charges.empty() && std::abs(r.charge) > 4)
+        std::printf("  note: charge %+d; if the job used effective core potentials, the file gives the full nuclear "
+                    "charges and the potential and charges Kalvex computes are wrong\n",
+                    r.charge);
     std::printf("  orbitals orthonormal in Kalvex's overlap: largest |C S C^T - I| %.1e (occupied), %.1e (all)\n",
                 r.orthonormality.occupied, r.orthonormality.all);
     for (const auto& f : r.removed) std::printf("  removed %s (left from an earlier job of this name)\n", f.c_str());

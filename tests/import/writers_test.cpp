@@ -191,6 +191,7 @@ INSTANTIATE_TEST_SUITE_P(
                       Case{"nwchem", "oh_rohf_cart", "oh_rohf_cart.molden", "open-shell"},
                       Case{"nwchem", "oh_rohf_cart", "oh_rohf_cart.wfn", "open-shell"},
                       Case{"nwchem", "oh_rohf_cart", "oh_rohf_cart.wfx", "open-shell"},
+                      Case{"nwchem", "hi_ecp", "hi_ecp.molden", "valence charges (I 25)"},
                       Case{"openmolcas", "water_cart", "water_cart.molden", "restricted"},
                       Case{"openmolcas", "water_tz", "water_tz.molden", "restricted"}),
     [](const ::testing::TestParamInfo<Case>& info) {
@@ -276,6 +277,15 @@ TEST(WriterImport, UnknownNormalisationIsRefusedWithItsDeviation) {
     EXPECT_NE(r.out.find("not orthonormal"), std::string::npos) << r.out;
     EXPECT_NE(r.out.find("largest |C S C^T - I| 1.2e-03"), std::string::npos) << r.out;
     EXPECT_FALSE(fs::exists(dir.path / "job.mos"));
+}
+
+// NWChem's wfn file of a job with an effective core potential gives iodine
+// its full charge: the import goes through, and the report points at it.
+TEST(WriterImport, FullChargesOfCorePotentialJobsAreNoted) {
+    TempDir dir;
+    const CommandResult r = import_into(dir.path, "hi_ecp.wfn", read_file(KVX_TEST_DATA "/nwchem/hi_ecp.wfn"));
+    EXPECT_EQ(r.status, 0) << r.out;
+    EXPECT_NE(r.out.find("note: charge +28; if the job used effective core potentials"), std::string::npos) << r.out;
 }
 
 // Cut or scrambled AIM files never crash the importer.

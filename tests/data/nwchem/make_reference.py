@@ -34,6 +34,8 @@ OH = [("O", 0.137000, -0.211000, 0.089000),
 CH2 = [("C", 0.137000, -0.211000, 0.089000),
        ("H", 1.004900, -0.302982, -1.738269),
        ("H", -1.409478, -1.224200, 0.953819)]
+HI = [("I", 0.137000, -0.211000, 0.089000),      # the psi4 job in ../dialects
+      ("H", 1.312356, 2.391478, 1.172804)]
 
 # name, atoms, multiplicity, scf kind, basis, cartesian, orbitals listed per spin
 JOBS = [
@@ -49,6 +51,9 @@ JOBS = [
          alpha=[1, 4, 5, 6, 7], beta=[]),
     dict(name="oh_rohf_cart", atoms=OH, mult=2, scf="rohf", basis="cc-pVDZ", cart=True,
          alpha=[1, 4, 5, 6, 7], beta=[]),
+    # iodine's 28-electron core potential
+    dict(name="hi_ecp", atoms=HI, mult=1, scf="rhf", basis="def2-svp", cart=True, ecp="I library def2-ecp",
+         alpha=[1, 12, 13, 14, 15], beta=[]),
 ]
 
 # dplot grid (bohr): min, max, intervals per axis -> 4 x 4 x 4 points, none
@@ -70,6 +75,7 @@ end
 basis {'cartesian' if job['cart'] else 'spherical'}
   * library {job['basis']}
 end
+{('ecp' + chr(10) + '  ' + job['ecp'] + chr(10) + 'end') if 'ecp' in job else ''}
 scf
   {job['scf']}; {mult}; thresh 1e-10; tol2e 1e-14; maxiter 200
 end
@@ -209,7 +215,7 @@ task esp
         run(tmp, name, nwchem_input(job, tmp, body))
         shutil.copy(os.path.join(tmp, name + ".molden"), os.path.join(HERE, name + ".molden"))
         shutil.copy(os.path.join(tmp, name + ".wfn"), os.path.join(HERE, name + ".wfn"))
-        if job["cart"]:
+        if job["cart"] and "ecp" not in job:  # its wfn gives iodine the full charge: not copied on
             wfn_to_wfx(os.path.join(HERE, name + ".wfn"), os.path.join(HERE, name + ".wfx"), job)
 
         pts = grid_points()
