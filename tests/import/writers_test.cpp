@@ -193,7 +193,8 @@ INSTANTIATE_TEST_SUITE_P(
                       Case{"nwchem", "oh_rohf_cart", "oh_rohf_cart.wfx", "open-shell"},
                       Case{"nwchem", "hi_ecp", "hi_ecp.molden", "valence charges (I 25)"},
                       Case{"openmolcas", "water_cart", "water_cart.molden", "restricted"},
-                      Case{"openmolcas", "water_tz", "water_tz.molden", "restricted"}),
+                      Case{"openmolcas", "water_tz", "water_tz.molden", "restricted"},
+                      Case{"openmolcas", "oh_uhf", "oh_uhf.molden", "(unrestricted)"}),
     [](const ::testing::TestParamInfo<Case>& info) {
         std::string n = std::string(info.param.dir) + "_" + info.param.file;
         for (char& ch : n)

@@ -14,7 +14,8 @@ deterministic.
 
 grid_it prints orbital values with four digits but densities with twelve: each
 occupied orbital is therefore taken as sqrt(density / occupation) of a grid_it
-run that selects that orbital alone, with the sign of its four-digit value.
+run that selects that orbital alone, with the sign of its four-digit value
+(for UHF jobs grid_it writes one file per spin).
 """
 
 import math
@@ -31,11 +32,15 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 WATER = [("O", 0.137000, -0.211000, 0.089000),
          ("H", 0.598357, -0.620364, -1.596703),
          ("H", -1.254866, -1.329394, 0.452305)]
+OH = [("O", 0.137000, -0.211000, 0.089000),
+      ("H", 0.869036, 1.096893, 1.147534)]
 
-# name, atoms, basis, orbitals listed (all occupied: RHF, occupation 2)
+# name, atoms, basis, occupied orbitals listed per spin (RHF: alpha only,
+# occupation 2; UHF: occupation 1), spin (2S + 1 - 1 in OpenMolcas's terms)
 JOBS = [
-    dict(name="water_cart", atoms=WATER, basis="6-31G*", orbitals=[1, 2, 3, 4, 5], seed=201),
-    dict(name="water_tz", atoms=WATER, basis="cc-pVTZ", orbitals=[1, 2, 3, 4, 5], seed=202),
+    dict(name="water_cart", atoms=WATER, basis="6-31G*", alpha=[1, 2, 3, 4, 5], beta=[], spin=0, seed=201),
+    dict(name="water_tz", atoms=WATER, basis="cc-pVTZ", alpha=[1, 2, 3, 4, 5], beta=[], spin=0, seed=202),
+    dict(name="oh_uhf", atoms=OH, basis="cc-pVTZ", alpha=[1, 2, 3, 4, 5], beta=[1, 2, 3, 4], spin=1, seed=203),
 ]
 NPOINTS = 40
 
@@ -89,7 +94,7 @@ def make(job):
 {point_lines(pts)}
 &SEWARD
 &SCF
-  Thresholds
+{"  UHF" + chr(10) + "  Spin = %d" % (job["spin"] + 1) + chr(10) if job["spin"] else ""}  Thresholds
   1.0d-11 1.0d-9 1.0d-9 0.2d-4
 """, name)
         shutil.copy(os.path.join(tmp, name + ".scf.molden"), os.path.join(HERE, name + ".molden"))
@@ -98,10 +103,11 @@ def make(job):
         esp = [float(line.split()[1]) for line in m.group(1).strip().split("\n")]
 
         cols = []
-        for k in job["orbitals"]:
+        uhf = job["spin"] > 0
+        for spin, k in [("a", k) for k in job["alpha"]] + [("b", k) for k in job["beta"]]:
             run(tmp, f"""&GRID_IT
   FILE
-  {name}.ScfOrb
+  {name}.{'UhfOrb' if uhf else 'ScfOrb'}
   NoLuscus
   Ascii
   Select
@@ -110,20 +116,21 @@ def make(job):
   {len(pts)}
 {point_lines(pts)}
 """, name)
-            text = open(os.path.join(tmp, name + ".grid")).read()
+            # UHF: NAME.a.grid and NAME.b.grid, one spin each
+            text = open(os.path.join(tmp, name + ("." + spin if uhf else "") + ".grid")).read()
             blocks = re.split(r"Title=\s*(\d+)\s*\n", text)
             vals = {int(blocks[i]): blocks[i + 1].split()[:len(pts)] for i in range(1, len(blocks), 2)}
             rough = [float(v.replace("-.", "-0.")) for v in vals[k]]
             dens = [float(v) for v in vals[0]]
             col = []
             for r, d in zip(rough, dens):
-                v = math.copysign(math.sqrt(max(d, 0.0) / 2.0), r)
+                v = math.copysign(math.sqrt(max(d, 0.0) / (1.0 if uhf else 2.0)), r)
                 assert abs(v - r) <= 5.01e-4 * abs(r) + 1e-15, (k, v, r)  # four digits: 0.xxxxE+yy
                 col.append(v)
-            cols.append(("a%d" % k, col))
+            cols.append(("%s%d" % (spin, k), col))
         with open(os.path.join(HERE, name + ".orb"), "w") as f:
-            f.write("# OpenMolcas 22.10 grid_it: %s RHF/%s, occupied orbitals as sqrt(density/2) with the sign of the\n"
-                    "# four-digit value, at the points (bohr)\n" % (name, job["basis"]))
+            f.write("# OpenMolcas 22.10 grid_it: %s %s/%s, occupied orbitals as sqrt(density/occupation) with the sign\n"
+                    "# of the four-digit value, at the points (bohr)\n" % (name, "UHF" if uhf else "RHF", job["basis"]))
             f.write("x y z " + " ".join(c for c, _ in cols) + "\n")
             for p, pt in enumerate(pts):
                 f.write(" ".join("%.6f" % c for c in pt) + " " + " ".join("%.12e" % v[p] for _, v in cols) + "\n")
