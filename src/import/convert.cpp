@@ -475,9 +475,9 @@ ImportReport write_kalvex_job(const SourceJob& job, const std::string& jobname, 
     // Orbitals over Kalvex's functions under one convention, for the
     // molecule read back with that convention's basis file.
     auto transform = [&](const std::vector<SourceOrbital>& set, const Convention& conv,
-                         const std::vector<TargetShell>& targets) {
+                         const std::vector<TargetShell>& placed) {
         std::vector<double> C(set.size() * static_cast<std::size_t>(nbasis), 0.0);
-        for (const TargetShell& t : targets) {
+        for (const TargetShell& t : placed) {
             const SourceShell& s = job.shells[static_cast<std::size_t>(t.source)];
             const int nf = s.nfunc(), nk = moldata::kShellSize[t.type];
             const std::vector<double> M = coefficient_map(source_functions(s, job.cartesian, conv), nf,
