@@ -13,7 +13,7 @@ namespace kvx::elepot {
 // exponent pair (a, b), a = 0..lA of shell A and b = 0..lB of shell B in that
 // direction, starts at X + (a*(lB+1) + b)*nu_stride and holds nu = 0..a+b;
 // row 0 is [1]. out[i*compB + j], i over A's cartesian components and j over
-// B's, in the order of moldata::type_exponents (sp: s, x, y, z).
+// B's, in the order of gauss::type_exponents (sp: s, x, y, z).
 using KernelFn = void (*)(int typeA, int typeB, const double* X, const double* Y, const double* Z, int nu_stride,
                           const double* F, double* out);
 

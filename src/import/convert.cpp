@@ -7,6 +7,7 @@
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
+#include <memory>
 
 #include "gauss/spherical.h"
 #include "import/harmonics.h"
@@ -37,7 +38,7 @@ int kalvex_type(const SourceShell& s) {
 
 int shell_monomials(const SourceShell& s) { return s.sp ? 4 : cart_count(s.l); }
 
-std::vector<double> source_functions(const SourceShell& s, const CartesianConvention& conv, CartesianNorm norm) {
+std::vector<double> source_functions(const SourceShell& s, const CartesianConvention& order, const Convention& conv) {
     const int nm = shell_monomials(s);
     const int nf = s.nfunc();
     std::vector<double> T(static_cast<std::size_t>(nf) * nm, 0.0);
@@ -45,18 +46,32 @@ std::vector<double> source_functions(const SourceShell& s, const CartesianConven
         for (int k = 0; k < 4; ++k) T[static_cast<std::size_t>(k) * nm + k] = 1.0;
         return T;
     }
-    if (s.pure && s.l >= 2) return solid_harmonics(s.l);
-    if (s.l >= static_cast<int>(conv.order.size()) || conv.order[static_cast<std::size_t>(s.l)].empty())
+    if (s.pure && s.l >= 2) {
+        T = solid_harmonics(s.l);
+        if (conv.negate_m34 && (s.l == 3 || s.l == 4))
+            for (int row = 5; row < (s.l == 3 ? 7 : 9); ++row)  // rows 5, 6: m = +3, -3; 7, 8: m = +4, -4
+                for (int c = 0; c < nm; ++c) T[static_cast<std::size_t>(row) * nm + c] *= -1;
+        return T;
+    }
+    if (s.l >= static_cast<int>(order.order.size()) || order.order[static_cast<std::size_t>(s.l)].empty())
         throw ImportError("cartesian shells of angular momentum " + std::to_string(s.l) +
                               " have no defined component order in this format",
                           0);
-    const auto& order = conv.order[static_cast<std::size_t>(s.l)];
+    const auto& comps = order.order[static_cast<std::size_t>(s.l)];
     for (int m = 0; m < nf; ++m) {
-        const gauss::CartExp e = order[static_cast<std::size_t>(m)];
-        const gauss::CartExp unit = norm == CartesianNorm::EachFunction ? e : gauss::CartExp{s.l, 0, 0};
+        const gauss::CartExp e = comps[static_cast<std::size_t>(m)];
+        const gauss::CartExp unit = conv.cartesian == CartesianNorm::EachFunction ? e : gauss::CartExp{s.l, 0, 0};
         T[static_cast<std::size_t>(m) * nm + cart_index(e)] = 1.0 / std::sqrt(monomial_overlap(unit, unit));
     }
     return T;
+}
+
+std::vector<double> normalised_coefs(const std::vector<double>& coefs, const std::vector<double>& exponents, int l,
+                                     const Convention& conv) {
+    if (!conv.raw_primitives) return coefs;
+    std::vector<double> out(coefs.size());
+    for (std::size_t p = 0; p < coefs.size(); ++p) out[p] = coefs[p] * std::pow(exponents[p], -(2.0 * l + 3.0) / 4.0);
+    return out;
 }
 
 std::vector<double> kalvex_functions(int type) {
@@ -268,7 +283,7 @@ std::string coord_text(const SourceJob& job, const std::vector<std::string>& lab
     return out + "$end\n";
 }
 
-std::string basis_text(const SourceJob& job, const std::vector<std::string>& labels,
+std::string basis_text(const SourceJob& job, const Convention& conv, const std::vector<std::string>& labels,
                        const std::vector<std::vector<int>>& atom_shells, int nbasis, int nshell, int nprim) {
     static const char* kLabel[] = {"", "s", "p", "l", "d", "d6", "f", "f10", "g15", "h21", "i28"};
     std::string out = "$nbasis " + std::to_string(nbasis) + "\n$nshell " + std::to_string(nshell) + "\n$nprim " +
@@ -280,15 +295,17 @@ std::string basis_text(const SourceJob& job, const std::vector<std::string>& lab
         out += "for " + labels[a] + "\n";
         for (int si : atom_shells[a]) {
             const SourceShell& s = job.shells[static_cast<std::size_t>(si)];
+            const std::vector<double> c = normalised_coefs(s.coefs, s.exponents, s.sp ? 0 : s.l, conv);
+            const std::vector<double> cp = s.sp ? normalised_coefs(s.coefs_p, s.exponents, 1, conv) : c;
             out += kLabel[kalvex_type(s)];
             for (std::size_t p = 0; p < s.exponents.size(); ++p) {
                 out += p == 0 ? " " : "  ";  // the first primitive shares the label's line
                 out += exact(s.exponents[p]);
                 out += ' ';
-                out += exact(s.coefs[p]);
+                out += exact(c[p]);
                 if (s.sp) {
                     out += ' ';
-                    out += exact(s.coefs_p[p]);
+                    out += exact(cp[p]);
                 }
                 out += '\n';
             }
@@ -381,7 +398,6 @@ ImportReport write_kalvex_job(const SourceJob& job, const std::string& jobname, 
     std::vector<std::vector<int>> atom_shells(static_cast<std::size_t>(natoms));
     std::vector<int> source_first(job.shells.size());
     int nsource = 0;
-    bool has_cartesian = false;
     for (std::size_t i = 0; i < job.shells.size(); ++i) {
         const SourceShell& s = job.shells[i];
         if (s.atom < 0 || s.atom >= natoms) throw ImportError("a shell sits on atom " + std::to_string(s.atom + 1) + ", which does not exist", 0);
@@ -389,7 +405,6 @@ ImportReport write_kalvex_job(const SourceJob& job, const std::string& jobname, 
         atom_shells[static_cast<std::size_t>(s.atom)].push_back(static_cast<int>(i));
         source_first[i] = nsource;
         nsource += s.nfunc();
-        has_cartesian = has_cartesian || (!s.pure && !s.sp && s.l >= 2);
     }
     if (nsource != job.nbasis)
         throw ImportError("the shells give " + std::to_string(nsource) + " basis functions, the orbitals " +
@@ -433,7 +448,6 @@ ImportReport write_kalvex_job(const SourceJob& job, const std::string& jobname, 
     if (job.multiplicity && !occ.restricted) rep.multiplicity = *job.multiplicity;
     rep.restricted = occ.restricted;
     rep.restricted_open = occ.restricted_open;
-    rep.has_cartesian = has_cartesian;
     rep.norb_alpha = static_cast<int>(occ.alpha.size());
     rep.norb_beta = static_cast<int>(occ.beta.size());
     if (job.nalpha && *job.nalpha != rep.nalpha)
@@ -452,25 +466,22 @@ ImportReport write_kalvex_job(const SourceJob& job, const std::string& jobname, 
     Scratch scratch(parent);
     const std::string tmpjob = (scratch.dir / stem).string();
 
-    // Counts, atoms and basis; read back to learn the reader's shell order.
     write_text(tmpjob + ".control", control_text(job, source_name, rep, occ));
     write_text(tmpjob + ".coord", coord_text(job, labels));
-    write_text(tmpjob + ".basis", basis_text(job, labels, atom_shells, nbasis, rep.nshells, nprim));
+    for (std::size_t a = 0; a < job.atoms.size(); ++a)
+        if (job.atoms[a].nuclear_charge != job.atoms[a].atomic_number)
+            rep.valence_charges.emplace_back(labels[a], job.atoms[a].nuclear_charge);
 
-    auto read_back = moldata::build_molecule(tmpjob);
-    if (!read_back || !read_back->has_shells() || read_back->nbasis != nbasis || !read_back->overlap)
-        throw ImportError("Kalvex cannot read back the basis written for this job", 0);
-    moldata::Molecule& km = *read_back;
-    place_shells(job, km, targets);
-
-    // Orbitals over Kalvex's functions, for one normalisation of cartesian shells.
-    auto transform = [&](const std::vector<SourceOrbital>& set, CartesianNorm norm) {
+    // Orbitals over Kalvex's functions under one convention, for the
+    // molecule read back with that convention's basis file.
+    auto transform = [&](const std::vector<SourceOrbital>& set, const Convention& conv,
+                         const std::vector<TargetShell>& placed) {
         std::vector<double> C(set.size() * static_cast<std::size_t>(nbasis), 0.0);
-        for (const TargetShell& t : targets) {
+        for (const TargetShell& t : placed) {
             const SourceShell& s = job.shells[static_cast<std::size_t>(t.source)];
-            const int nm = shell_monomials(s), nf = s.nfunc(), nk = gauss::kShellSize[t.type];
-            const std::vector<double> M = coefficient_map(source_functions(s, job.cartesian, norm), nf,
-                                                          kalvex_functions(t.type), nk, nm);
+            const int nf = s.nfunc(), nk = gauss::kShellSize[t.type];
+            const std::vector<double> M = coefficient_map(source_functions(s, job.cartesian, conv), nf,
+                                                          kalvex_functions(t.type), nk, shell_monomials(s));
             const int src0 = source_first[static_cast<std::size_t>(t.source)];
             for (std::size_t o = 0; o < set.size(); ++o) {
                 double* out = C.data() + o * nbasis + t.first;
@@ -481,27 +492,45 @@ ImportReport write_kalvex_job(const SourceJob& job, const std::string& jobname, 
         }
         return C;
     };
-    const std::vector<CartesianNorm> norms = has_cartesian
-                                                 ? std::vector<CartesianNorm>{CartesianNorm::EachFunction, CartesianNorm::LikeAxis}
-                                                 : std::vector<CartesianNorm>{CartesianNorm::EachFunction};
+
+    // Every convention the format allows: its basis file is written and read
+    // back as kalvex reads it, and its orbitals are checked in that overlap.
+    // The smallest error wins; a later convention must halve it (equal
+    // conventions keep the first name).
+    std::vector<Convention> conventions = job.conventions;
+    if (conventions.empty()) conventions.push_back({"normalised primitives and functions"});
     std::vector<double> Ca, Cb;
+    std::unique_ptr<moldata::Molecule> best_mol;
+    std::string best_basis;
     Orthonormality best{HUGE_VAL, HUGE_VAL};
-    for (CartesianNorm norm : norms) {
-        std::vector<double> a = transform(occ.alpha, norm), b = transform(occ.beta, norm);
-        const Orthonormality err = worse(orthonormality(*km.overlap, a.data(), rep.norb_alpha, occ.nalpha, nbasis),
-                                         orthonormality(*km.overlap, b.data(), rep.norb_beta, occ.nbeta, nbasis));
-        if (err.all < best.all) {
+    for (const Convention& conv : conventions) {
+        const std::string basis = basis_text(job, conv, labels, atom_shells, nbasis, rep.nshells, nprim);
+        write_text(tmpjob + ".basis", basis);
+        auto read_back = moldata::build_molecule(tmpjob);
+        if (!read_back || !read_back->has_shells() || read_back->nbasis != nbasis || !read_back->overlap)
+            throw ImportError("Kalvex cannot read back the basis written for this job", 0);
+        std::vector<TargetShell> placed = targets;
+        place_shells(job, *read_back, placed);
+        std::vector<double> a = transform(occ.alpha, conv, placed), b = transform(occ.beta, conv, placed);
+        const Orthonormality err =
+            worse(orthonormality(*read_back->overlap, a.data(), rep.norb_alpha, occ.nalpha, nbasis),
+                  orthonormality(*read_back->overlap, b.data(), rep.norb_beta, occ.nbeta, nbasis));
+        if (!best_mol || err.all < 0.5 * best.all) {
             best = err;
             Ca = std::move(a);
             Cb = std::move(b);
-            rep.cartesian_like_axis = norm == CartesianNorm::LikeAxis;
+            best_mol = std::move(read_back);
+            best_basis = basis;
+            rep.convention = conv.name;
         }
-        if (best.ok()) break;
     }
     if (!best.ok())
-        throw ImportError("the orbitals are not orthonormal in the basis Kalvex reads (" + orthonormality_text(best) +
-                              "; tolerances 1e-6 and 1e-3): a damaged file or an unknown normalisation; nothing written",
+        throw ImportError("the orbitals are not orthonormal in the basis Kalvex reads under any known normalisation (" +
+                              orthonormality_text(best) + "; tolerances 1e-6 and 1e-3): a damaged file or an " +
+                              "unknown convention; nothing written",
                           0);
+    write_text(tmpjob + ".basis", best_basis);
+    moldata::Molecule& km = *best_mol;
 
     auto orbital_set = [&](const std::vector<SourceOrbital>& set, std::vector<double>& C) {
         moldata::OrbitalSet os;

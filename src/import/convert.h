@@ -5,15 +5,12 @@
 #pragma once
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "import/source.h"
 
 namespace kvx::import {
-
-// How a program normalises the components of a cartesian shell: each
-// function on its own, or all with the factor that normalises x^l.
-enum class CartesianNorm { EachFunction, LikeAxis };
 
 // Kalvex shell type of a source shell: s, p, "l" (sp), "d" (spherical d),
 // "d6", and the cartesian "f10", "g15", "h21", "i28" for f and higher, pure
@@ -26,7 +23,11 @@ int shell_monomials(const SourceShell& s);
 
 // The source shell's functions over raw monomials (harmonics.h), one row per
 // function in the source's order: nfunc x shell_monomials.
-std::vector<double> source_functions(const SourceShell& s, const CartesianConvention& conv, CartesianNorm norm);
+std::vector<double> source_functions(const SourceShell& s, const CartesianConvention& order, const Convention& conv);
+
+// Contraction coefficients of normalised primitives under the convention.
+std::vector<double> normalised_coefs(const std::vector<double>& coefs, const std::vector<double>& exponents, int l,
+                                     const Convention& conv);
 
 // Kalvex's functions of a shell type over the same monomials (the basis
 // file's normalisation with its per-type factor F, the spherical d
@@ -53,8 +54,10 @@ struct ImportReport {
     int nalpha = 0, nbeta = 0, charge = 0, multiplicity = 1;
     bool restricted = true;
     bool restricted_open = false;  // one orbital set, written for both spins
-    bool cartesian_like_axis = false;  // which cartesian normalisation the orbitals matched
-    bool has_cartesian = false;
+    std::string convention;  // the name of the one the orbitals matched
+    // Atoms whose nuclear charge is not their atomic number (effective core
+    // potentials): element symbol and charge written.
+    std::vector<std::pair<std::string, double>> valence_charges;
     Orthonormality orthonormality;
     std::vector<std::string> written, removed;
 };

@@ -118,6 +118,8 @@ SourceJob read_fchk(const std::vector<std::string>& lines) {
     SourceJob job;
     job.format = "formatted checkpoint";
     job.cartesian = fchk_cartesian_order();
+    job.conventions = {{"formatted checkpoint (each cartesian function normalised)", CartesianNorm::EachFunction},
+                       {"formatted checkpoint with cartesian functions normalised all like x^l", CartesianNorm::LikeAxis}};
 
     const Entry& zs = need(es, "Atomic numbers");
     const Entry& xyz = need(es, "Current cartesian coordinates");
@@ -233,6 +235,11 @@ SourceFormat detect_format(const std::vector<std::string>& lines) {
         const auto t = tokens(lines[i]);
         if (t.size() >= 5 && t[0] == "Number" && t[1] == "of" && t[2] == "atoms" && t[3] == "I") return SourceFormat::Fchk;
     }
+    if (lines.size() > 1 && lines[1].find("MOL ORBITALS") != std::string::npos &&
+        lines[1].find("PRIMITIVES") != std::string::npos)
+        return SourceFormat::Wfn;
+    for (std::size_t i = 0; i < lines.size() && i < 200; ++i)
+        if (trim(lines[i]) == "<Number of Nuclei>" || trim(lines[i]) == "<Keywords>") return SourceFormat::Wfx;
     for (const std::string& line : lines) {
         const std::string t = lower(trim(line));
         if (t.rfind("[molden format]", 0) == 0 || t.rfind("[atoms]", 0) == 0 || t.rfind("[gto]", 0) == 0)

@@ -19,7 +19,7 @@ double monomial_overlap(gauss::CartExp a, gauss::CartExp b);
 inline constexpr int cart_count(int l) { return (l + 1) * (l + 2) / 2; }
 
 // Index of a monomial among Kalvex's components of degree a.x + a.y + a.z
-// (order of moldata::cart_exponents); -1 when none.
+// (order of gauss::cart_exponents); -1 when none.
 int cart_index(gauss::CartExp a);
 
 // The 2l + 1 real solid harmonics of degree l (m = 0, +1, -1, +2, -2, ...),

@@ -1,6 +1,7 @@
 #include "import/import.h"
 
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <iterator>
 #include <new>
@@ -17,12 +18,17 @@ SourceJob read_source(const std::string& path) {
     text << in.rdbuf();
     if (in.bad()) throw ImportError("cannot read the file", 0);
     const std::string s = text.str();
-    if (s.find('\0') != std::string::npos) throw ImportError("binary data: not a Molden or formatted checkpoint file", 0);
+    if (s.find('\0') != std::string::npos) throw ImportError("binary data: not a Molden, formatted checkpoint or AIM file", 0);
     const std::vector<std::string> lines = split_lines(s);
     switch (detect_format(lines)) {
         case SourceFormat::Fchk: return read_fchk(lines);
         case SourceFormat::Molden: return read_molden(lines);
-        default: throw ImportError("neither a Molden nor a formatted checkpoint file", 1);
+        case SourceFormat::Wfn: return read_wfn(lines);
+        case SourceFormat::Wfx: return read_wfx(lines);
+        default:
+            throw ImportError("neither a Molden, a formatted checkpoint nor an AIM wfn or wfx file (expected \"[Atoms]\", "
+                              "\"Number of atoms   I\", \"GAUSSIAN ... MOL ORBITALS\" or \"<Number of Nuclei>\")",
+                              1);
     }
 }
 
@@ -40,8 +46,24 @@ void print_report(const std::string& input, const SourceJob& src, const ImportRe
         std::printf("  orbitals: %d alpha, %d beta (unrestricted)\n", r.norb_alpha, r.norb_beta);
     std::printf("  electrons %d (alpha %d, beta %d), charge %d, multiplicity %d\n", r.nalpha + r.nbeta, r.nalpha,
                 r.nbeta, r.charge, r.multiplicity);
-    if (r.has_cartesian)
-        std::printf("  cartesian functions normalised %s\n", r.cartesian_like_axis ? "all like x^l" : "each on its own");
+    std::printf("  normalisation: %s\n", r.convention.c_str());
+    if (!r.valence_charges.empty()) {
+        std::printf("  effective core potentials: nuclear charges written are the valence charges (");
+        std::string done;
+        for (std::size_t i = 0; i < r.valence_charges.size(); ++i) {
+            const auto& [label, q] = r.valence_charges[i];
+            if (done.find(" " + label + " ") != std::string::npos) continue;
+            std::printf("%s%s %g", done.empty() ? "" : ", ", label.c_str(), q);
+            done += " " + label + " ";
+        }
+        std::printf("); the potential and the charge fit use them\n");
+    }
+    // A file of a job with effective core potentials that gives the full
+    // nuclear charges (NWChem's wfn files do) shows as a highly charged ion.
+    if (r.valence_charges.empty() && std::abs(r.charge) > 4)
+        std::printf("  note: charge %+d; if the job used effective core potentials, the file gives the full nuclear "
+                    "charges and the potential and charges Kalvex computes are wrong\n",
+                    r.charge);
     std::printf("  orbitals orthonormal in Kalvex's overlap: largest |C S C^T - I| %.1e (occupied), %.1e (all)\n",
                 r.orthonormality.occupied, r.orthonormality.all);
     for (const auto& f : r.removed) std::printf("  removed %s (left from an earlier job of this name)\n", f.c_str());
@@ -56,7 +78,7 @@ int run_import(int argc, char** argv) {
     if (argc != 3) {
         std::fprintf(stderr,
                      "usage: kalvex-import INPUT JOB\n"
-                     "  INPUT: a Molden (.molden) or formatted checkpoint (.fchk) file\n"
+                     "  INPUT: a Molden (.molden), formatted checkpoint (.fchk) or AIM (.wfn, .wfx) file\n"
                      "  JOB:   the Kalvex job to write (JOB.control, JOB.coord, JOB.basis, JOB.mos, JOB.mob)\n");
         return 1;
     }

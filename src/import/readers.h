@@ -10,10 +10,12 @@
 
 namespace kvx::import {
 
-enum class SourceFormat { Unknown, Molden, Fchk };
+enum class SourceFormat { Unknown, Molden, Fchk, Wfn, Wfx };
 
 // Decided by content: FCHK files carry "Number of atoms ... I" among their
-// first lines, Molden files bracketed section names such as "[Atoms]".
+// first lines, AIM wfn files "GAUSSIAN ... MOL ORBITALS" as their second
+// line, wfx files the tag "<Number of Nuclei>", Molden files bracketed
+// section names such as "[Atoms]".
 SourceFormat detect_format(const std::vector<std::string>& lines);
 
 // Molden: [Atoms] (AU or Angs), [GTO] (s, p, sp, d, f, g, h, i shells; "D"
@@ -25,6 +27,15 @@ SourceJob read_molden(const std::vector<std::string>& lines);
 // spherical, -1 sp), exponents and contraction coefficients, alpha and beta
 // MO coefficients and energies, electron counts, charge, multiplicity.
 SourceJob read_fchk(const std::vector<std::string>& lines);
+
+// The normalisations Molden writers use, ORCA's first when the file names
+// its writer as ORCA.
+std::vector<Convention> molden_conventions(bool orca_first);
+
+// AIM wavefunction files: primitives grouped by centre, angular momentum
+// and exponent into uncontracted cartesian shells (s to g).
+SourceJob read_wfn(const std::vector<std::string>& lines);
+SourceJob read_wfx(const std::vector<std::string>& lines);
 
 // Component orders of cartesian shells in each format.
 CartesianConvention molden_cartesian_order();

@@ -51,12 +51,35 @@ struct CartesianConvention {
     std::vector<std::vector<gauss::CartExp>> order;
 };
 
+// How a program normalises the components of a cartesian shell: each
+// function on its own, or all with the factor that normalises x^l.
+enum class CartesianNorm { EachFunction, LikeAxis };
+
+// One way a program may normalise and sign the functions its orbital
+// coefficients refer to. The contracted functions themselves are always
+// normalised; what differs is what the contraction coefficients multiply
+// and the factor and sign of each component.
+struct Convention {
+    std::string name;  // as the import report names it
+    CartesianNorm cartesian = CartesianNorm::EachFunction;
+    // Contraction coefficients multiply x^l exp(-a r^2) as it stands, not
+    // the normalised primitive: c_normalised ~ c a^(-(2l+3)/4) (the factor
+    // common to a shell drops out when the contraction is normalised).
+    bool raw_primitives = false;
+    // Spherical f and g functions with |m| = 3 and g with |m| = 4 carry the
+    // opposite sign of the real solid harmonics.
+    bool negate_m34 = false;
+};
+
 struct SourceJob {
-    std::string format;  // "Molden" or "formatted checkpoint"
+    std::string format;  // "Molden", "formatted checkpoint", "AIM wfn", "AIM wfx"
     std::vector<SourceAtom> atoms;
     std::vector<SourceShell> shells;  // functions numbered in this order
     int nbasis = 0;
     CartesianConvention cartesian;
+    // The normalisations the format allows, the likeliest first; the
+    // converter takes the one whose orbitals are orthonormal.
+    std::vector<Convention> conventions;
     std::vector<SourceOrbital> alpha;  // alpha, or the only set of a restricted job
     std::vector<SourceOrbital> beta;   // empty unless the job is unrestricted
     // Counts the file states; the converter derives what is missing.

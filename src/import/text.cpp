@@ -56,4 +56,11 @@ long integer(const std::string& tok, int line, const char* what) {
     return v;
 }
 
+long whole(const std::string& tok, int line, const char* what) {
+    const double v = number(tok, line, what);
+    if (v != std::floor(v) || std::fabs(v) > 2147483647.0)
+        throw ImportError("expected " + std::string(what) + " (a whole number), found \"" + tok + "\"", line);
+    return static_cast<long>(v);
+}
+
 }  // namespace kvx::import

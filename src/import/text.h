@@ -15,5 +15,7 @@ std::vector<std::string> tokens(const std::string& s);
 double number(const std::string& tok, int line, const char* what);
 // A decimal integer that fits 32 bits.
 long integer(const std::string& tok, int line, const char* what);
+// An integer that may be written as a real number ("8", "8.0", "8.00D+00").
+long whole(const std::string& tok, int line, const char* what);
 
 }  // namespace kvx::import

@@ -203,7 +203,7 @@ TEST_P(Psi4Import, KalvexValuesMatchPsi4) {
 INSTANTIATE_TEST_SUITE_P(
     Jobs, Psi4Import,
     ::testing::Values(Case{"water_cart", "water_cart.molden", "restricted"},
-                      Case{"water_cart", "water_cart.fchk", "each on its own"},
+                      Case{"water_cart", "water_cart.fchk", "each cartesian function normalised"},
                       Case{"water_tz", "water_tz.molden", "restricted"}, Case{"water_tz", "water_tz.fchk", "restricted"},
                       Case{"oh_uhf", "oh_uhf.molden", "(unrestricted)"}, Case{"oh_uhf", "oh_uhf.fchk", "(unrestricted)"},
                       Case{"ch2_cart", "ch2_cart.molden", "(unrestricted)"},
@@ -213,7 +213,17 @@ INSTANTIATE_TEST_SUITE_P(
                       Case{"oh_rohf", "oh_rohf.molden", "(unrestricted)"},
                       Case{"oh_rohf", "oh_rohf.fchk", "(unrestricted)"},
                       Case{"oh_rohf", "oh_rohf.molden", "restricted open-shell", 4},
-                      Case{"oh_rohf", "oh_rohf.fchk", "restricted open-shell", 4}),
+                      Case{"oh_rohf", "oh_rohf.fchk", "restricted open-shell", 4},
+                      // rewritten in other writers' dialects (tests/data/dialects/make_dialects.py)
+                      Case{"water_tz", "../dialects/water_tz_orca.molden", "ORCA"},
+                      Case{"hf_qz", "../dialects/hf_qz_orca.molden", "ORCA"},
+                      Case{"oh_uhf", "../dialects/oh_uhf_molcas.molden", "(unrestricted)"},
+                      Case{"ch2_cart", "../dialects/ch2_cart_scrambled.molden", "like x^l"},
+                      // effective core potentials: the valence charge under the element's name
+                      // (psi4's Molden file), from [Nval], from Gaussian's "Nuclear charges"
+                      Case{"../dialects/hi_ecp", "../dialects/hi_ecp.molden", "valence charges (I 25)"},
+                      Case{"../dialects/hi_ecp", "../dialects/hi_ecp_nval.molden", "valence charges (I 25)"},
+                      Case{"../dialects/hi_ecp", "../dialects/hi_ecp_gaussian.fchk", "valence charges (I 25)"}),
     [](const ::testing::TestParamInfo<Case>& info) {
         std::string n = std::string(info.param.one_set_nbeta ? "one_set_" : "") + info.param.file;
         for (char& ch : n)
@@ -275,7 +285,7 @@ TEST(Import, RefusedFilesLeaveNothingBehind) {
         std::string text;
         const char* message;
     } cases[] = {
-        {"empty.molden", "", "neither a Molden nor"},
+        {"empty.molden", "", "neither a Molden"},
         {"noise.fchk", std::string("\x7f""ELF\x02\x01\x01\0\0\0garbage", 18), "binary data"},
         {"words.molden", "[Molden Format]\nthis is not a job\n", "no [Atoms] section"},
         {"cut_atoms.molden", cut_before(molden, "[Atoms]", 2), "no [GTO]"},
