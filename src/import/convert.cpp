@@ -457,7 +457,9 @@ ImportReport write_kalvex_job(const SourceJob& job, const std::string& jobname, 
     write_text(tmpjob + ".coord", coord_text(job, labels));
     write_text(tmpjob + ".basis", basis_text(job, labels, atom_shells, nbasis, rep.nshells, nprim));
 
-    auto read_back = moldata::build_molecule(tmpjob);
+    moldata::MoleculeLoad load = moldata::build_molecule(tmpjob);
+    if (load.error) throw ImportError("Kalvex cannot read back the job written: " + load.error.message, 0);
+    auto& read_back = load.molecule;
     if (!read_back || !read_back->has_shells() || read_back->nbasis != nbasis || !read_back->overlap)
         throw ImportError("Kalvex cannot read back the basis written for this job", 0);
     moldata::Molecule& km = *read_back;

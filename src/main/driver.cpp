@@ -313,11 +313,16 @@ int run(int argc, char** argv) {
 
     RunState st;
     st.jobname = argv[1];
-    st.mol = moldata::build_molecule(st.jobname);
-    if (!st.mol) {
+    moldata::MoleculeLoad load = moldata::build_molecule(st.jobname);
+    if (load.error) {
+        std::puts(load.error.message.c_str());  // a refused job also ends with status 0
+        return 0;
+    }
+    if (!load.molecule) {
         std::printf("Cannot read molecular data for %s\n", argv[1]);
         return 0;
     }
+    st.mol = std::move(load.molecule);
     st.flags = st.mol->flags ? *st.mol->flags : moldata::compute_flags(*st.mol);
     st.identity = st.mol->density_checksum ? static_cast<std::uint32_t>(st.mol->density_checksum)
                                            : static_cast<std::uint32_t>(pid);

@@ -244,7 +244,7 @@ TEST_F(Elepot, MixedShellsMatchMcMurchieDavidson) {
 TEST_F(Elepot, ClosedAndOpenShellMatchPsi4) {
     for (const std::string job : {"water", "ohrad"}) {
         const std::string dir = std::string(KVX_TEST_DATA) + "/" + job + "/";
-        auto mol = kvx::moldata::build_molecule(dir + job);
+        auto mol = kvx::moldata::build_molecule(dir + job).molecule;
         ASSERT_TRUE(mol);
         std::ifstream in(dir + "reference.txt");
         int n = 0;
@@ -270,7 +270,7 @@ bool reject_positive_x(const double r[3]) { return r[0] <= 0.0; }
 // refused, and a grid installed between set-up and run is not the one
 // computed. Points the filter rejects keep only the nuclear term.
 TEST_F(Elepot, ProgressSlicesForeignGridAndPointFilter) {
-    auto mol = kvx::moldata::build_molecule(KVX_TEST_DATA "/water/water");
+    auto mol = kvx::moldata::build_molecule(KVX_TEST_DATA "/water/water").molecule;
     const auto g = box({0.3, -0.1, 0.4}, 0.6, {5, 4, 3});
     const auto one = potential(*mol, *g, 1e-10);
     EXPECT_EQ(g_stdout,
