@@ -56,7 +56,7 @@ double best_of(int repeats, const std::function<void()>& f) {
 
 int main(int argc, char** argv) {
     const int repeats = argc > 1 ? std::max(1, std::atoi(argv[1])) : 3;
-    auto mol = moldata::build_molecule(KVX_TEST_DATA "/water/water");
+    auto mol = moldata::build_molecule(KVX_TEST_DATA "/water/water").molecule;
     if (!mol) {
         std::fprintf(stderr, "cannot load the water job\n");
         return 1;

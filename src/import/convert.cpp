@@ -506,7 +506,9 @@ ImportReport write_kalvex_job(const SourceJob& job, const std::string& jobname, 
     for (const Convention& conv : conventions) {
         const std::string basis = basis_text(job, conv, labels, atom_shells, nbasis, rep.nshells, nprim);
         write_text(tmpjob + ".basis", basis);
-        auto read_back = moldata::build_molecule(tmpjob);
+        moldata::MoleculeLoad load = moldata::build_molecule(tmpjob);
+        if (load.error) throw ImportError("Kalvex cannot read back the job written: " + load.error.message, 0);
+        std::unique_ptr<moldata::Molecule> read_back = std::move(load.molecule);
         if (!read_back || !read_back->has_shells() || read_back->nbasis != nbasis || !read_back->overlap)
             throw ImportError("Kalvex cannot read back the basis written for this job", 0);
         std::vector<TargetShell> placed = targets;

@@ -21,6 +21,7 @@
 #include "main/input.h"
 #include "main/output.h"
 #include "main/select.h"
+#include "moldata/property_words.h"
 #include "moldata/reader.h"
 
 namespace kvx::main {
@@ -30,6 +31,7 @@ using grid::PropertyGrid;
 using moldata::DataFlags;
 using moldata::Molecule;
 using moldata::OrbitalSet;
+using moldata::PropertyWord;
 
 namespace {
 
@@ -156,32 +158,28 @@ bool reuse_existing(const std::string& name, std::uint32_t s) {
 
 const double* occ_ptr(const std::optional<std::vector<double>>& occ) { return occ ? occ->data() : nullptr; }
 
-void run_orbital(RunState& st, const Request& rq, int flag, const OrbitalSet* set, const char* word,
-                 const char* missing) {
-    if (!st.flags[flag]) {
-        std::puts(missing);
-        return;
-    }
+void run_orbital(RunState& st, const Request& rq, const PropertyWord& word, const OrbitalSet* set) {
     if (!ensure_orbital_grid(st)) return;
     st.orbgrid->filename = name_file(st.orb_base.c_str(), opt_c("-path"), word, rq.arg1);
     if (reuse_existing(st.orbgrid->filename, st.orb_stamp)) return;
     int n = 0;
     const bool computable = rq.arg1[0] && std::sscanf(rq.arg1, "%d", &n) == 1 && n >= 1 && n <= set->count;
     abort_flag = 0;
-    grid::fill_mo(st.orbgrid.get(), set, rq.arg1, word);
+    grid::fill_mo(st.orbgrid.get(), set, rq.arg1, moldata::file_word(word));
     // An orbital number that fill_mo refused leaves nothing worth writing.
     if (computable && !abort_flag) write_property(st.orbgrid.get(), st.orb_stamp, opt_i("-fgrid"));
     abort_flag = 0;
 }
 
-void run_density(RunState& st, const char* word, const OrbitalSet* aset, std::optional<std::vector<double>>& occa,
-                 const OrbitalSet* bset, std::optional<std::vector<double>>& occb, bool reuse) {
+void run_density(RunState& st, const PropertyWord& word, const OrbitalSet* aset,
+                 std::optional<std::vector<double>>& occa, const OrbitalSet* bset,
+                 std::optional<std::vector<double>>& occb, bool reuse) {
     if (!ensure_orbital_grid(st)) return;
     st.orbgrid->filename = name_file(st.orb_base.c_str(), opt_c("-path"), word, nullptr);
     if (reuse && reuse_existing(st.orbgrid->filename, st.orb_stamp)) return;
     abort_flag = 0;
     grid::fill_density(st.orbgrid.get(), occa ? aset : nullptr, occ_ptr(occa), occb ? bset : nullptr, occ_ptr(occb),
-                       word);
+                       moldata::file_word(word));
     occa.reset();
     occb.reset();
     if (!abort_flag) write_property(st.orbgrid.get(), st.orb_stamp, opt_i("-fgrid"));
@@ -189,13 +187,7 @@ void run_density(RunState& st, const char* word, const OrbitalSet* aset, std::op
 }
 
 // -partd / -parts: orbital type, alpha list, beta list. Always recomputed.
-void run_partial(RunState& st, Request& rq, bool spin) {
-    const char* word = spin ? "parts" : "partd";
-    if (!st.flags[DataFlags::kOccupied]) {
-        std::puts(spin ? "Partial spin density not available for current molecule"
-                       : "Partial density not available for current molecule");
-        return;
-    }
+void run_partial(RunState& st, Request& rq, const PropertyWord& word, bool spin) {
     int type = -666;
     if (std::sscanf(rq.arg1, "%d", &type) != 1) type = -666;
     const bool ok = spin ? (type == 1 || type == 2) : (type >= 0 && type <= 2);
@@ -216,12 +208,8 @@ void run_partial(RunState& st, Request& rq, bool spin) {
 }
 
 void run_potential(RunState& st) {
-    if (!st.flags[DataFlags::kDensity]) {
-        std::puts("Electrostatic potential not available for current molecule");
-        return;
-    }
     if (!ensure_potential_grid(st)) return;
-    st.potgrid->filename = name_file(st.pot_base.c_str(), opt_c("-path"), "ep", nullptr);
+    st.potgrid->filename = name_file(st.pot_base.c_str(), opt_c("-path"), moldata::kPropertyWords[kReqEp], nullptr);
     if (reuse_existing(st.potgrid->filename, st.pot_stamp)) return;
     abort_flag = 0;
     elepot::comp_elepot(st.potgrid->values.data(), st.mol.get());
@@ -233,10 +221,6 @@ void run_potential(RunState& st) {
 }
 
 void run_chelp(RunState& st) {
-    if (!st.flags[DataFlags::kDensity]) {
-        std::puts("CHELP not available for current molecule");
-        return;
-    }
     ensure_potential_grid(st);
     // The fit's state is set up whenever it is not, so -chelp right after -ep
     // (potential grid already present) still fits.
@@ -255,57 +239,48 @@ void run_chelp(RunState& st) {
     release_potential(st);  // the next -ep or -chelp builds it afresh
 }
 
+// The request's flag is tested first; then it runs by its kind.
 void execute(RunState& st, Request& rq) {
+    const PropertyWord& word = moldata::kPropertyWords[rq.kind];
+    if (word.flag >= 0 && !st.flags[word.flag]) {
+        std::puts(word.missing);
+        return;
+    }
     const Molecule& mol = *st.mol;
-    const std::string w = rq.name;
-    if (w == "-ep") return run_potential(st);
-    if (w == "-chelp") return run_chelp(st);
-    // Orbital requests: word, availability flag, orbital set, message.
-    struct OrbitalRequest {
-        const char* word;
-        int flag;
-        std::unique_ptr<OrbitalSet> Molecule::*set;
-        const char* missing;
-    };
-    static const OrbitalRequest kOrbitalRequests[] = {
-        {"moa", DataFlags::kAlpha, &Molecule::alpha, "Alpha MOs not available for current molecule"},
-        {"mob", DataFlags::kBeta, &Molecule::beta, "Beta MOs not available for current molecule"},
-        {"loa", DataFlags::kLocalized, &Molecule::localized, "Localized Alpha MOs not available for current molecule"},
-        {"lob", DataFlags::kLocalizedBeta, &Molecule::localized_beta,
-         "Localized Beta MOs not available for current molecule"},
-        {"nos", DataFlags::kNatural, &Molecule::natural, "Natural Orbitals not available for current molecule"},
-    };
-    for (const OrbitalRequest& o : kOrbitalRequests)
-        if (w.compare(1, std::string::npos, o.word) == 0)
-            return run_orbital(st, rq, o.flag, (mol.*o.set).get(), o.word, o.missing);
-    if (w == "-den" || w == "-spin") {
-        const bool spin = w == "-spin";
-        if (!st.flags[DataFlags::kOccupied]) {
-            std::puts(spin ? "Spin density not available for current molecule"
-                           : "Total density not available for current molecule");
-            return;
-        }
-        std::optional<std::vector<double>> occa, occb;
-        if (st.flags[DataFlags::kAlpha]) occa = select_mos(mol, nullptr, 1, 0);
-        if (st.flags[DataFlags::kBeta]) occb = select_mos(mol, nullptr, -1, spin ? 1 : 0);
-        return run_density(st, spin ? "spin" : "den", mol.alpha.get(), occa, mol.beta.get(), occb, true);
-    }
-    if (w == "-dena" || w == "-denb") {
-        const bool beta = w == "-denb";
-        if (!st.flags[beta ? DataFlags::kBeta : DataFlags::kAlpha]) {
-            std::puts(beta ? "Beta density not available for current molecule"
-                           : "Alpha density not available for current molecule");
-            return;
-        }
-        std::optional<std::vector<double>> occa, occb;
-        if (beta)
-            occb = select_mos(mol, nullptr, -1, 0);
-        else
+    std::optional<std::vector<double>> occa, occb;
+    switch (rq.kind) {
+        case kReqEp:
+            return run_potential(st);
+        case kReqChelp:
+            return run_chelp(st);
+        case kReqMoa:
+            return run_orbital(st, rq, word, mol.alpha.get());
+        case kReqMob:
+            return run_orbital(st, rq, word, mol.beta.get());
+        case kReqLoa:
+            return run_orbital(st, rq, word, mol.localized.get());
+        case kReqLob:
+            return run_orbital(st, rq, word, mol.localized_beta.get());
+        case kReqNos:
+            return run_orbital(st, rq, word, mol.natural.get());
+        case kReqDen:
+        case kReqSpin:
+            if (st.flags[DataFlags::kAlpha]) occa = select_mos(mol, nullptr, 1, 0);
+            if (st.flags[DataFlags::kBeta]) occb = select_mos(mol, nullptr, -1, rq.kind == kReqSpin ? 1 : 0);
+            return run_density(st, word, mol.alpha.get(), occa, mol.beta.get(), occb, true);
+        case kReqDena:
             occa = select_mos(mol, nullptr, 1, 0);
-        return run_density(st, beta ? "denb" : "dena", mol.alpha.get(), occa, mol.beta.get(), occb, true);
+            return run_density(st, word, mol.alpha.get(), occa, mol.beta.get(), occb, true);
+        case kReqDenb:
+            occb = select_mos(mol, nullptr, -1, 0);
+            return run_density(st, word, mol.alpha.get(), occa, mol.beta.get(), occb, true);
+        case kReqPartd:
+            return run_partial(st, rq, word, false);
+        case kReqParts:
+            return run_partial(st, rq, word, true);
+        default:
+            return;
     }
-    if (w == "-partd") return run_partial(st, rq, false);
-    if (w == "-parts") return run_partial(st, rq, true);
 }
 
 // Default box: the atoms' bounding box plus 5.7 bohr on every side.
@@ -341,11 +316,16 @@ int run(int argc, char** argv) {
 
     RunState st;
     st.jobname = argv[1];
-    st.mol = moldata::build_molecule(st.jobname);
-    if (!st.mol) {
+    moldata::MoleculeLoad load = moldata::build_molecule(st.jobname);
+    if (load.error) {
+        std::puts(load.error.message.c_str());  // a refused job also ends with status 0
+        return 0;
+    }
+    if (!load.molecule) {
         std::printf("Cannot read molecular data for %s\n", argv[1]);
         return 0;
     }
+    st.mol = std::move(load.molecule);
     st.flags = st.mol->flags ? *st.mol->flags : moldata::compute_flags(*st.mol);
     st.identity = st.mol->density_checksum ? static_cast<std::uint32_t>(st.mol->density_checksum)
                                            : static_cast<std::uint32_t>(pid);
@@ -370,7 +350,7 @@ int run(int argc, char** argv) {
             continue;
         }
         Request& rq = queue.front();
-        if (std::strcmp(rq.name, "-end") == 0) break;
+        if (rq.kind == kReqEnd) break;
 
         if (st.grid && st.changed) {
             release_potential(st);

@@ -3,7 +3,8 @@
 
 namespace kvx::main {
 
-// Program entry; returns 0 (fatal errors also end with status 0).
+// Program entry; returns 0 (a job the readers refuse and fatal errors also
+// end with status 0).
 int run(int argc, char** argv);
 
 }  // namespace kvx::main

@@ -49,12 +49,6 @@ int to_int(const char* text) {
 
 Option options[kOptionCount] = {KVX_OPTION_DEFAULTS};
 
-const RequestTemplate request_templates[kRequestCount] = {
-    {"-end", 0},  {"-ep", 0},  {"-den", 0},  {"-dena", 0},  {"-denb", 0},
-    {"-spin", 0}, {"-moa", 1}, {"-mob", 1},  {"-loa", 1},   {"-lob", 1},
-    {"-nos", 1},  {"-partd", 3}, {"-parts", 3}, {"-chelp", 0},
-};
-
 Option* find_option(const char* name) {
     if (!name) return nullptr;
     for (Option& o : options)
@@ -108,15 +102,14 @@ void set_scratch_directory() {
     }
 }
 
-void add_exeq(RequestQueue& q, int template_index, const char* a1, const char* a2,
-              const char* a3) {
-    if (template_index < 0 || template_index >= kRequestCount) return;
-    const RequestTemplate& t = request_templates[template_index];
+void add_exeq(RequestQueue& q, int kind, const char* a1, const char* a2, const char* a3) {
+    if (kind < 0 || kind >= moldata::kPropertyWordCount) return;
+    const moldata::PropertyWord& t = moldata::kPropertyWords[kind];
     common::alloc_or_die("Input add_exeq: cannot allocate newptr", [&] {
         Request& r = q.emplace_back();
-        r.name = t.name;
+        r.name = t.request;
         r.nargs = t.nargs;
-        r.kind = template_index;
+        r.kind = kind;
         const char* args[3] = {a1, a2, a3};
         char* slots[3] = {r.arg1, r.arg2, r.arg3};
         for (int i = 0; i < t.nargs && i < 3; ++i)
@@ -148,8 +141,8 @@ void queue_requests(int count, char** words, RequestQueue& q) {
     for (int i = 0; i < count; ++i) {
         lower_case(words[i]);
         if (!words[i]) continue;
-        for (int t = 0; t < kRequestCount; ++t) {
-            if (std::strcmp(request_templates[t].name, words[i]) != 0) continue;
+        for (int t = 0; t < moldata::kPropertyWordCount; ++t) {
+            if (std::strcmp(moldata::kPropertyWords[t].request, words[i]) != 0) continue;
             add_exeq(q, t, i + 1 < count ? words[i + 1] : nullptr,
                      i + 2 < count ? words[i + 2] : nullptr,
                      i + 3 < count ? words[i + 3] : nullptr);

@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <deque>
 
+#include "moldata/property_words.h"
+
 namespace kvx::main {
 
 // One setting. type is a character code: 'i' integer, 'l' toggle (ival 0/1),
@@ -18,7 +20,6 @@ struct Option {
 };
 
 constexpr int kOptionCount = 25;
-constexpr int kRequestCount = 14;
 constexpr int kOptionTextMax = 263;
 constexpr int kRequestArgMax = 256;
 constexpr int kLineMax = 255;    // characters taken from one input line
@@ -46,23 +47,13 @@ void reset_options();
 // the path does not end with one.
 void set_scratch_directory();
 
-struct RequestTemplate {
-    const char* name;
-    int nargs;  // 0, 1 or 3
-};
-
-// Request template indices, in table order.
-enum RequestKind {
-    kReqEnd, kReqEp, kReqDen, kReqDena, kReqDenb, kReqSpin, kReqMoa, kReqMob,
-    kReqLoa, kReqLob, kReqNos, kReqPartd, kReqParts, kReqChelp
-};
-
-extern const RequestTemplate request_templates[kRequestCount];
+// Request kinds are indices into the property word table (kReqEnd, ...).
+using enum moldata::RequestKind;
 
 struct Request {
-    const char* name = nullptr;
+    const char* name = nullptr;  // the request word ("-moa")
     int nargs = 0;
-    int kind = 0;  // template index (RequestKind)
+    int kind = 0;  // index into moldata::kPropertyWords (RequestKind)
     char arg1[kRequestArgMax + 1] = {};
     char arg2[kRequestArgMax + 1] = {};
     char arg3[kRequestArgMax + 1] = {};
@@ -70,10 +61,9 @@ struct Request {
 
 using RequestQueue = std::deque<Request>;
 
-// Appends a copy of template template_index with up to its argument count of
-// the given words (null leaves a slot empty; longer words are cut to 256).
-void add_exeq(RequestQueue& q, int template_index, const char* a1, const char* a2,
-              const char* a3);
+// Appends a request of kind `kind` with up to its argument count of the
+// given words (null leaves a slot empty; longer words are cut to 256).
+void add_exeq(RequestQueue& q, int kind, const char* a1, const char* a2, const char* a3);
 
 // Lower-cases in place; null passes through.
 char* lower_case(char* text);

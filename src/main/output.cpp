@@ -72,13 +72,11 @@ void stamp_text(uint32_t s, char out[17]) {
     out[16] = '\0';
 }
 
-std::string name_file(const char* base, const char* dir, const char* prop,
-                      const char* orbital_arg) {
+std::string name_file(const char* base, const char* dir, const moldata::PropertyWord& prop, const char* orbital_arg) {
     if (!base) base = "";
     if (!dir) dir = "";
-    if (!prop) prop = "";
-    std::string part = prop;
-    if (orbital_arg) {
+    std::string part = moldata::file_word(prop);
+    if (prop.orbital && orbital_arg) {
         // Only the leading integer counts: "3-5" names orbital 3.
         char* end = nullptr;
         errno = 0;

@@ -8,6 +8,7 @@
 
 #include "grid/grid.h"
 #include "grid/property_grid.h"
+#include "moldata/property_words.h"
 
 namespace kvx::main {
 
@@ -23,10 +24,10 @@ uint32_t grid_stamp(const grid::Grid* g, uint32_t seed);
 // 16-character text form of a stamp plus NUL.
 void stamp_text(uint32_t s, char out[17]);
 
-// dir + base + "-" + part + ".grid"; part is the property word, or
-// "word-N" with N the leading integer of orbital_arg.
-std::string name_file(const char* base, const char* dir, const char* prop,
-                      const char* orbital_arg);
+// dir + base + "-" + part + ".grid"; part is the property's file word, or
+// for an orbital property with an argument "word-N", N the leading integer
+// of orbital_arg.
+std::string name_file(const char* base, const char* dir, const moldata::PropertyWord& prop, const char* orbital_arg);
 
 // True when the file exists and its first number equals the stamp.
 bool file_exists(const std::string& name, uint32_t stamp);

@@ -53,12 +53,12 @@ BasisToken next_basis_token(std::FILE* f, std::string& word) {
     // Carriage returns count as blanks so that CRLF files read alike.
     while ((c = std::getc(f)) == ' ' || c == '\t' || c == '\r') {
     }
-    if (c == EOF) common::fatal("1 End of file reached in Basis file");
+    if (c == EOF) return BasisToken::End;
     if (c == '\n') return BasisToken::LineEnd;
     do {
         if (word.size() < kMaxToken) word.push_back(static_cast<char>(c));
         c = std::getc(f);
-        if (c == EOF) common::fatal("1 End of file reached in Basis file");
+        if (c == EOF) return BasisToken::End;
     } while (!std::isspace(c));
     if (c == '\n') std::ungetc(c, f);
     return BasisToken::Word;
@@ -100,8 +100,8 @@ void normalise_shell_data(int type, int nprim, int ngc, std::vector<double>& b) 
 }
 
 bool make_shell(int type, int nprim, std::vector<double> data, std::string_view basis_name,
-                const std::vector<Atom>& atoms, const std::vector<std::string>& labels,
-                std::vector<Shell>& shells, long long& counter, std::string& why) {
+                const std::vector<Atom>& atoms, const std::vector<std::string>& labels, std::vector<Shell>& shells,
+                long long& counter, std::string& why, JobError& error) {
     if (data.empty()) return true;
     if (type < 1 || type >= gauss::kNumShellTypes) {
         why = "numbers outside a shell";
@@ -123,11 +123,13 @@ bool make_shell(int type, int nprim, std::vector<double> data, std::string_view 
         return false;
     }
     normalise_shell_data(type, nprim, ngc, data);
-    auto prefact = common::alloc_or_die("Moldata make_shell cannot allocate prefact", [&] {
-        auto p = std::make_shared<std::vector<double>>(static_cast<std::size_t>(nprim));
-        for (int i = 0; i < nprim; ++i) (*p)[i] = kPrefactConst * std::pow(data[static_cast<std::size_t>(row) * i], 0.75);
-        return p;
-    });
+    std::shared_ptr<std::vector<double>> prefact;
+    if (!common::try_alloc([&] { prefact = std::make_shared<std::vector<double>>(static_cast<std::size_t>(nprim)); })) {
+        error = {"Moldata make_shell cannot allocate prefact"};
+        return false;
+    }
+    for (int i = 0; i < nprim; ++i)
+        (*prefact)[i] = kPrefactConst * std::pow(data[static_cast<std::size_t>(row) * i], 0.75);
     auto basdat = std::make_shared<const std::vector<double>>(std::move(data));
     const int size = gauss::kShellSize[type];
     for (std::size_t a = 0; a < atoms.size() && a < labels.size(); ++a) {
@@ -151,23 +153,28 @@ bool make_shell(int type, int nprim, std::vector<double> data, std::string_view 
     return true;
 }
 
-bool read_basis(Molecule& mol, const std::string& path) {
+JobError read_basis(Molecule& mol, const std::string& path) {
     mol.shells.clear();
-    if (mol.atoms.empty() || mol.nshell <= 0) return false;
+    if (mol.atoms.empty() || mol.nshell <= 0) return {};
     File file = open_read(path);
-    if (!file) return false;
+    if (!file) return {};
     std::FILE* f = file.get();
 
     std::vector<std::string> labels;
     labels.reserve(mol.atoms.size());
-    for (const Atom& a : mol.atoms) labels.push_back(basis_label(a.symbol));
+    for (const Atom& a : mol.atoms) {
+        labels.push_back(basis_label(a.symbol));
+        // The double blank is the message's own.
+        if (labels.back().size() > 8) return {"Atomic symbol " + a.symbol + " is  longer than 8 characters"};
+    }
 
     std::string tok;
     do {
-        if (!scan_token(f, tok)) return false;
+        if (!scan_token(f, tok)) return {};
     } while (tok != "$basis");
 
     std::vector<Shell> shells;
+    JobError error;
     std::string element, why;
     std::vector<double> nums;
     int type = 0;
@@ -177,7 +184,7 @@ bool read_basis(Molecule& mol, const std::string& path) {
     auto finish = [&]() {
         if (!ok || nums.empty()) return;
         const int nprim = static_cast<int>(std::min<long long>(lines - 1, 1LL << 30));
-        ok = make_shell(type, nprim, std::move(nums), element, mol.atoms, labels, shells, counter, why);
+        ok = make_shell(type, nprim, std::move(nums), element, mol.atoms, labels, shells, counter, why, error);
         nums.clear();
         if (ok && static_cast<long long>(shells.size()) > mol.nshell) {
             why = "more shells than $nshell (" + std::to_string(mol.nshell) + ")";
@@ -185,14 +192,18 @@ bool read_basis(Molecule& mol, const std::string& path) {
         }
     };
     while (ok) {
-        if (next_basis_token(f, tok) == BasisToken::LineEnd) {
+        BasisToken t = next_basis_token(f, tok);
+        if (t == BasisToken::LineEnd) {
             ++lines;
             continue;
         }
+        if (t == BasisToken::End) return {kBasisFileEnded};
         if (tok == "for") {
             finish();
-            while (next_basis_token(f, tok) == BasisToken::LineEnd) {
+            if (error) break;
+            while ((t = next_basis_token(f, tok)) == BasisToken::LineEnd) {
             }
+            if (t == BasisToken::End) return {kBasisFileEnded};
             element = tok;
             lines = 0;
             nums.clear();
@@ -214,6 +225,7 @@ bool read_basis(Molecule& mol, const std::string& path) {
             }
         }
     }
+    if (error) return error;
     const long long nfunc = counter - 1;
     if (ok) ok = check_size(nfunc, why);
     if (ok && nfunc != mol.nbasis) {
@@ -222,12 +234,12 @@ bool read_basis(Molecule& mol, const std::string& path) {
     }
     if (!ok) {
         report("read_basis", path, why);
-        return false;
+        return {};
     }
     // Fewer shells than $nshell: the unused records would hold no functions.
     mol.nshell = static_cast<int>(shells.size());
     mol.shells = std::move(shells);
-    return !mol.shells.empty();
+    return {};
 }
 
 namespace {
@@ -259,18 +271,18 @@ constexpr int kKvmLine = 500;
 
 }  // namespace
 
-bool read_onefile_basis(Molecule& mol, const std::string& path) {
+JobError read_onefile_basis(Molecule& mol, const std::string& path) {
     mol.shells.clear();
-    if (mol.atoms.empty()) return false;
+    if (mol.atoms.empty()) return {};
     File file = open_read(path);
-    if (!file) return false;
+    if (!file) return {};
     std::FILE* f = file.get();
     const std::size_t natoms = mol.atoms.size();
 
     // "$atoms": lists of atom numbers, each list closed by "basis=label".
     std::vector<std::string> labels(natoms);
     std::string line;
-    if (!find_line(f, line, "$atoms", kKvmLine)) return false;
+    if (!find_line(f, line, "$atoms", kKvmLine)) return {};
     std::vector<int> pending;
     bool closed = false;
     while (read_line(f, line, kKvmLine)) {
@@ -291,13 +303,14 @@ bool read_onefile_basis(Molecule& mol, const std::string& path) {
             if (a >= 1 && static_cast<std::size_t>(a) <= natoms) pending.push_back(static_cast<int>(a));
         }
     }
-    if (!closed) return false;
+    if (!closed) return {};
 
     // "$basis": "*" lines bracket the basis name; then shell headers
     // "nprim label" each followed by nprim lines of numbers.
     std::rewind(f);
-    if (!find_line(f, line, "$basis", kKvmLine)) return false;
+    if (!find_line(f, line, "$basis", kKvmLine)) return {};
     std::vector<Shell> shells;
+    JobError error;
     std::string name, why;
     bool name_mode = false, ok = true;
     long long counter = 1;
@@ -327,7 +340,7 @@ bool read_onefile_basis(Molecule& mol, const std::string& path) {
         }
         std::vector<double> nums;
         for (long i = 0; i < nprim; ++i) {
-            if (!read_line(f, line, kKvmLine)) return false;  // end of file inside the section
+            if (!read_line(f, line, kKvmLine)) return {};  // end of file inside the section
             for (const auto& t : split(line, " \t\r")) {
                 double v;
                 if (!parse_double(t, v)) {
@@ -339,15 +352,17 @@ bool read_onefile_basis(Molecule& mol, const std::string& path) {
             }
             if (!ok) break;
         }
-        if (ok) ok = make_shell(type, static_cast<int>(nprim), std::move(nums), name, mol.atoms, labels, shells,
-                                counter, why);
+        if (ok)
+            ok = make_shell(type, static_cast<int>(nprim), std::move(nums), name, mol.atoms, labels, shells, counter,
+                            why, error);
     }
+    if (error) return error;
     if (ok) ok = check_size(counter - 1, why);
     if (!ok) {
         report("read_onefile_basis", path, why);
-        return false;
+        return {};
     }
-    if (!closed) return false;
+    if (!closed) return {};
 
     // Functions numbered atom by atom, each atom's shells in stored order.
     int next = 1, nprim_total = 0;
@@ -362,7 +377,7 @@ bool read_onefile_basis(Molecule& mol, const std::string& path) {
     mol.nbasis = next - 1;
     mol.nprim = nprim_total;
     mol.shells = std::move(shells);
-    return !mol.shells.empty();
+    return {};
 }
 
 void sort_shells(Molecule& mol) {

@@ -1,16 +1,17 @@
 #include "moldata/density.h"
 
-#include "common/fatal.h"
 #include "moldata/checksum.h"
 
 namespace kvx::moldata {
 
-std::shared_ptr<TriMatrix> spin_density(const OrbitalSet* set, int nocc, int nbasis, const char* fail_msg) {
-    if (!set || set->coef.data.empty() || set->count < nocc || set->coef.rows < nocc || set->coef.cols < nbasis)
-        return nullptr;
+bool gives_density(const OrbitalSet* set, int nocc, int nbasis) {
+    return set && !set->coef.data.empty() && set->count >= nocc && set->coef.rows >= nocc && set->coef.cols >= nbasis;
+}
+
+std::shared_ptr<TriMatrix> spin_density(const OrbitalSet& set, int nocc, int nbasis) {
     auto p = tri_alloc(nbasis);
-    if (!p) common::fatal(fail_msg);
-    const RowMatrix& c = set->coef;
+    if (!p) return nullptr;
+    const RowMatrix& c = set.coef;
     for (int i = 0; i < nbasis; ++i) {
         double* row = p->row(i);
         for (int j = 0; j <= i; ++j) {
@@ -25,28 +26,31 @@ std::shared_ptr<TriMatrix> spin_density(const OrbitalSet* set, int nocc, int nba
     return p;
 }
 
-void compute_density(Molecule& mol) {
+JobError compute_density(Molecule& mol) {
     mol.density.reset();
     mol.density_alpha.reset();
     mol.density_beta.reset();
     const int n = mol.nbasis;
-    if (n < 0) return;
-    mol.density_alpha =
-        spin_density(mol.alpha.get(), mol.nalpha, n, "Compute_density: cannot allocate memory for alpha density");
-    if (!mol.restricted)
-        mol.density_beta =
-            spin_density(mol.beta.get(), mol.nbeta, n, "Compute_density: cannot allocate memory for beta density");
+    if (n < 0) return {};
+    if (gives_density(mol.alpha.get(), mol.nalpha, n)) {
+        mol.density_alpha = spin_density(*mol.alpha, mol.nalpha, n);
+        if (!mol.density_alpha) return {"Compute_density: cannot allocate memory for alpha density"};
+    }
+    if (!mol.restricted && gives_density(mol.beta.get(), mol.nbeta, n)) {
+        mol.density_beta = spin_density(*mol.beta, mol.nbeta, n);
+        if (!mol.density_beta) return {"Compute_density: cannot allocate memory for beta density"};
+    }
 
     const auto& pa = mol.density_alpha;
     const auto& pb = mol.density_beta;
     if (mol.restricted && pa) {
         auto p = tri_alloc(n);
-        if (!p) common::fatal("Compute_density: cannot allocate memory for total density");
+        if (!p) return {"Compute_density: cannot allocate memory for total density"};
         for (std::size_t e = 0; e < p->data.size(); ++e) p->data[e] = 2.0 * pa->data[e];
         mol.density = p;
     } else if (!mol.restricted && pa && pb) {
         auto p = tri_alloc(n);
-        if (!p) common::fatal("Compute_density: cannot allocate memory for total density");
+        if (!p) return {"Compute_density: cannot allocate memory for total density"};
         for (std::size_t e = 0; e < p->data.size(); ++e) p->data[e] = pa->data[e] + pb->data[e];
         mol.density = p;
     } else if (!mol.restricted && pa) {
@@ -55,6 +59,7 @@ void compute_density(Molecule& mol) {
         mol.density = pb;
     }
     if (mol.density) mol.density_checksum = static_cast<int>(density_checksum(*mol.density));
+    return {};
 }
 
 std::uint32_t density_checksum(const TriMatrix& p) {

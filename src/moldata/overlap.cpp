@@ -37,7 +37,8 @@ bool valid_shell(const Shell& s) {
 }
 
 // Cartesian block of the pair into g_ov.block, then the spherical transform.
-// Returns the number of doubles of the transformed block.
+// Returns the number of doubles of the transformed block; 0 when the scratch
+// tables cannot grow.
 std::size_t pair_block(const Shell& A, const Shell& B) {
     const int lA = shell_l(A), lB = shell_l(B);
     const int nA = gauss::block_cart_count(A.type), nB = gauss::block_cart_count(B.type);
@@ -45,10 +46,9 @@ std::size_t pair_block(const Shell& A, const Shell& B) {
     const std::size_t sub = static_cast<std::size_t>(nA) * nB;
     const std::size_t total = sub * gA * gB;
 
-    ov_intc(std::max({nA * gA, nB * gB, gA, gB, 2}));
-    ov_intp(std::max(nA, nB));
-    ov_pow((lA + lB) / 2);
-    ov_fjtab(std::max(lA, lB));
+    if (!ov_intc(std::max({nA * gA, nB * gB, gA, gB, 2})) || !ov_intp(std::max(nA, nB)) || !ov_pow((lA + lB) / 2) ||
+        !ov_fjtab(std::max(lA, lB)))
+        return 0;
 
     double* blk = g_ov.block.data();
     std::fill(blk, blk + total, 0.0);
@@ -126,31 +126,32 @@ std::size_t pair_block(const Shell& A, const Shell& B) {
 
 }  // namespace
 
-void ov_intc(int n) {
+bool ov_intc(int n) {
     const std::size_t nn = static_cast<std::size_t>(std::max(n, 1));
-    if (g_ov.block.size() >= nn * nn && g_ov.ca.size() >= nn) return;
-    common::alloc_or_die("Overlap ov_intc: array allocation failed.", [&] {
+    if (g_ov.block.size() >= nn * nn && g_ov.ca.size() >= nn) return true;
+    return common::try_alloc([&] {
         if (g_ov.block.size() < nn * nn) g_ov.block.resize(nn * nn);
         if (g_ov.ca.size() < nn) g_ov.ca.resize(nn);
         if (g_ov.cb.size() < nn) g_ov.cb.resize(nn);
     });
 }
 
-void ov_intp(int n) {
+bool ov_intp(int n) {
     const std::size_t nn = static_cast<std::size_t>(std::max(n, 1));
-    if (g_ov.prim.size() >= nn * nn) return;
-    common::alloc_or_die("Overlap ov_intp: array allocation failed.", [&] { g_ov.prim.resize(nn * nn); });
+    if (g_ov.prim.size() >= nn * nn) return true;
+    return common::try_alloc([&] { g_ov.prim.resize(nn * nn); });
 }
 
-void ov_pow(int n) {
+bool ov_pow(int n) {
     const std::size_t need = static_cast<std::size_t>(std::max(n, 1)) + 1;
-    if (g_ov.pw.size() < need) common::alloc_or_die("Overlap ov_pow: array allocation failed.", [&] { g_ov.pw.resize(need); });
+    if (g_ov.pw.size() < need && !common::try_alloc([&] { g_ov.pw.resize(need); })) return false;
     gauss::dfact_grow(2 * static_cast<int>(need) - 1);
+    return true;
 }
 
-void ov_fjtab(int l) {
-    if (l <= g_ov.fj_l) return;
-    common::alloc_or_die("Overlap ov_fjtab: partial sum array allocation failed.", [&] {
+bool ov_fjtab(int l) {
+    if (l <= g_ov.fj_l) return true;
+    const bool grown = common::try_alloc([&] {
         const std::size_t n = static_cast<std::size_t>(l + 1) * (l + 1);
         g_ov.sx.resize(n);
         g_ov.sy.resize(n);
@@ -160,7 +161,8 @@ void ov_fjtab(int l) {
             t->shape(l, l, 2 * l + 1);
         }
     });
-    g_ov.fj_l = l;
+    if (grown) g_ov.fj_l = l;
+    return grown;
 }
 
 void ov_cleanup() {
@@ -168,7 +170,7 @@ void ov_cleanup() {
     g_ov = OverlapScratch{};
 }
 
-void overlap_prepare(const Molecule& mol) {
+JobError overlap_prepare(const Molecule& mol) {
     int ncomp = 2, nc = 1, lmax = 0;
     for (const Shell& s : mol.shells) {
         if (!valid_shell(s)) continue;
@@ -176,11 +178,12 @@ void overlap_prepare(const Molecule& mol) {
         nc = std::max(nc, gauss::block_cart_count(s.type));
         lmax = std::max(lmax, shell_l(s));
     }
-    ov_intc(ncomp);
-    ov_intp(nc);
-    ov_pow(lmax);
-    ov_fjtab(lmax);
+    if (!ov_intc(ncomp)) return {"Overlap ov_intc: array allocation failed."};
+    if (!ov_intp(nc)) return {"Overlap ov_intp: array allocation failed."};
+    if (!ov_pow(lmax)) return {"Overlap ov_pow: array allocation failed."};
+    if (!ov_fjtab(lmax)) return {"Overlap ov_fjtab: partial sum array allocation failed."};
     gauss::binom_grow(lmax);
+    return {};
 }
 
 void overlap_block(const Shell& A, const Shell& B, std::vector<double>& out) {
@@ -198,8 +201,8 @@ void comp_overlap(const Molecule& mol, TriMatrix& s) {
         if (!valid_shell(A)) continue;
         for (int b = 0; b <= a; ++b) {
             const Shell& B = mol.shells[b];
-            if (!valid_shell(B)) continue;
-            pair_block(A, B);
+            // Never 0 once overlap_prepare has sized the tables.
+            if (!valid_shell(B) || pair_block(A, B) == 0) continue;
             const double* v = g_ov.block.data();
             const int rA = gauss::block_sph_count(A.type), rB = gauss::block_sph_count(B.type);
             const int gA = block_ncontr(A), gB = block_ncontr(B);
@@ -224,14 +227,18 @@ void comp_overlap(const Molecule& mol, TriMatrix& s) {
     }
 }
 
-void add_overlap(Molecule& mol) {
-    if (!mol.has_shells() || mol.nbasis <= 0) return;
+JobError add_overlap(Molecule& mol) {
+    if (!mol.has_shells() || mol.nbasis <= 0) return {};
     auto s = tri_alloc(mol.nbasis);
-    if (!s) common::fatal("Moldata add_overlap: cannot allocate s matrix");
-    overlap_prepare(mol);
+    if (!s) return {"Moldata add_overlap: cannot allocate s matrix"};
+    if (JobError e = overlap_prepare(mol)) {
+        ov_cleanup();
+        return e;
+    }
     comp_overlap(mol, *s);
     ov_cleanup();
     mol.overlap = std::move(s);
+    return {};
 }
 
 }  // namespace kvx::moldata

@@ -3,7 +3,6 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "common/fatal.h"
 #include "moldata/basis.h"
 #include "moldata/density.h"
 #include "moldata/orbitals.h"
@@ -72,30 +71,30 @@ std::unique_ptr<Molecule> read_counts(const std::string& jobname) {
     return mol;
 }
 
-void read_coordinates(Molecule& mol, const std::string& path) {
+JobError read_coordinates(Molecule& mol, const std::string& path) {
     mol.atoms.clear();
     const int expected = mol.natoms;
     mol.natoms = 0;
-    if (expected <= 0) return;
+    if (expected <= 0) return {};
     File file = open_read(path);
-    if (!file) return;
+    if (!file) return {};
     std::FILE* f = file.get();
 
     std::string tok;
     do {
-        if (!scan_token(f, tok)) return;
+        if (!scan_token(f, tok)) return {};
     } while (tok != "$coordinates");
 
     std::vector<Atom> atoms;
     int molecule = 1;
     for (;;) {
-        if (!scan_token(f, tok)) return;  // no "$end": the atoms are dropped
+        if (!scan_token(f, tok)) return {};  // no "$end": the atoms are dropped
         if (tok == "$end") break;
         if (tok == "$molecule") {
             ++molecule;
             continue;
         }
-        if (static_cast<int>(atoms.size()) >= expected) common::fatal("Read_atomdata: number of atoms exceeded");
+        if (static_cast<int>(atoms.size()) >= expected) return {"Read_atomdata: number of atoms exceeded"};
         Atom a;
         a.symbol = tok.substr(0, 8);
         a.atomic_number = atomic_number(a.symbol);
@@ -104,12 +103,12 @@ void read_coordinates(Molecule& mol, const std::string& path) {
         for (double* v : fields) {
             std::string num;
             char* end = nullptr;
-            if (!scan_token(f, num)) return;
+            if (!scan_token(f, num)) return {};
             *v = std::strtod(num.c_str(), &end);
             if (end == num.c_str()) {
                 std::printf("Read_atomdata: %s: \"%s\" is not a number, atoms ignored\n", path.c_str(), num.c_str());
                 std::fflush(stdout);
-                return;
+                return {};
             }
         }
         atoms.push_back(std::move(a));
@@ -120,12 +119,13 @@ void read_coordinates(Molecule& mol, const std::string& path) {
     std::fflush(stdout);
     mol.atoms = std::move(atoms);
     mol.natoms = got;
+    return {};
 }
 
-std::unique_ptr<Molecule> read_onefile(const std::string& jobname) {
+MoleculeLoad read_onefile(const std::string& jobname) {
     const std::string path = jobname + ".kvm";
     File file = open_read(path);
-    if (!file) return nullptr;
+    if (!file) return {};
     std::FILE* f = file.get();
 
     auto mol = std::make_unique<Molecule>();
@@ -167,31 +167,41 @@ std::unique_ptr<Molecule> read_onefile(const std::string& jobname) {
     file.reset();
 
     if (mol->has_atoms()) {
-        read_onefile_basis(*mol, path);
+        if (JobError e = read_onefile_basis(*mol, path)) return {nullptr, e};
         if (mol->has_shells()) read_onefile_orbitals(*mol, jobname);
     }
-    return mol;
+    return {std::move(mol), {}};
 }
 
-std::unique_ptr<Molecule> build_molecule(const std::string& jobname) {
+namespace {
+
+// The multi-file layout; no molecule when the control file does not count.
+MoleculeLoad read_multifile(const std::string& jobname) {
     std::unique_ptr<Molecule> mol = read_counts(jobname);
-    if (mol) {
-        read_coordinates(*mol, jobname + ".coord");
-        if (mol->has_atoms()) {
-            mol->symmetry = read_symmetry(jobname + ".sym", mol->natoms, mol->ndummy[1]);
-            read_basis(*mol, jobname + ".basis");
-            sort_shells(*mol);
-            // Coefficients are read per nbasis: only for a basis that gave it.
-            if (mol->has_shells()) read_orbitals(*mol, jobname);
-        }
-    } else {
-        mol = read_onefile(jobname);
-        if (!mol) return nullptr;
+    if (!mol) return {};
+    if (JobError e = read_coordinates(*mol, jobname + ".coord")) return {nullptr, e};
+    if (mol->has_atoms()) {
+        if (JobError e = read_symmetry(*mol, jobname + ".sym")) return {nullptr, e};
+        if (JobError e = read_basis(*mol, jobname + ".basis")) return {nullptr, e};
+        sort_shells(*mol);
+        // Coefficients are read per nbasis: only for a basis that gave it.
+        if (mol->has_shells()) read_orbitals(*mol, jobname);
     }
-    compute_density(*mol);
-    add_overlap(*mol);
-    mol->flags = compute_flags(*mol);
-    return mol;
+    return {std::move(mol), {}};
+}
+
+}  // namespace
+
+MoleculeLoad build_molecule(const std::string& jobname) {
+    MoleculeLoad load = read_multifile(jobname);
+    // A control file that counts keeps its molecule, atoms or not.
+    if (!load.molecule && !load.error) load = read_onefile(jobname);
+    if (!load.molecule) return load;
+    Molecule& mol = *load.molecule;
+    if (JobError e = compute_density(mol)) return {nullptr, e};
+    if (JobError e = add_overlap(mol)) return {nullptr, e};
+    mol.flags = compute_flags(mol);
+    return load;
 }
 
 }  // namespace kvx::moldata

@@ -6,6 +6,7 @@
 #include <memory>
 #include <string>
 
+#include "moldata/job_error.h"
 #include "moldata/molecule.h"
 
 namespace kvx::moldata {
@@ -25,16 +26,24 @@ std::unique_ptr<Molecule> read_counts(const std::string& jobname);
 
 // Atoms of the ".coord" file between "$coordinates" and "$end" ("$molecule"
 // starts the next molecule). Prints the atom- and molecule-count warnings;
-// more atoms than natoms ends the run. mol.natoms becomes the number of
+// more atoms than natoms refuses the job. mol.natoms becomes the number of
 // atoms kept.
-void read_coordinates(Molecule& mol, const std::string& path);
+JobError read_coordinates(Molecule& mol, const std::string& path);
+
+// What the molecule builder returns: the molecule, or the readers' refusal,
+// or neither when no layout of the job is there to read.
+struct MoleculeLoad {
+    std::unique_ptr<Molecule> molecule;
+    JobError error;
+};
 
 // The one-file ".kvm" layout: counts, "$coord" atoms, basis and the five
-// orbital sections. Null when the file is absent.
-std::unique_ptr<Molecule> read_onefile(const std::string& jobname);
+// orbital sections. No molecule when the file is absent.
+MoleculeLoad read_onefile(const std::string& jobname);
 
 // Builds the job's molecule: the multi-file layout, else the one-file
-// layout; then densities, overlap and flags. Null when neither can be read.
-std::unique_ptr<Molecule> build_molecule(const std::string& jobname);
+// layout; then densities, overlap and flags. The first refusal of a reader
+// ends the build; nothing after it is read or printed.
+MoleculeLoad build_molecule(const std::string& jobname);
 
 }  // namespace kvx::moldata

@@ -3,8 +3,6 @@
 #include <cctype>
 #include <cstring>
 
-#include "common/fatal.h"
-
 namespace kvx::moldata {
 
 const char* const kElementSymbols[kNumSymbols] = {
@@ -49,10 +47,6 @@ std::string basis_label(std::string_view symbol) {
     std::string out;
     for (char c : symbol)
         if (!std::isdigit(static_cast<unsigned char>(c))) out.push_back(c);
-    if (out.size() > 8) {
-        const std::string shown(symbol);
-        common::fatalf("Atomic symbol %s is  longer than 8 characters\n", shown.c_str());
-    }
     return out;
 }
 

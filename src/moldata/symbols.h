@@ -20,7 +20,7 @@ int atomic_number(std::string_view symbol);
 std::string element_symbol(int z, int case_switch = 0);
 
 // Basis-matching form of an atom label: every decimal digit removed ("C12"
-// matches "C"). Longer than 8 characters ends the run.
+// matches "C"). The basis reader refuses one longer than 8 characters.
 std::string basis_label(std::string_view symbol);
 
 }  // namespace kvx::moldata

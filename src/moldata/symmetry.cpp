@@ -19,24 +19,23 @@ std::unique_ptr<SymmetryInfo> default_record(int n) {
     return sym;
 }
 
-// Next word of the token reader, line ends skipped.
-std::string next_word(std::FILE* f) {
-    std::string w;
-    while (next_basis_token(f, w) == BasisToken::LineEnd) {
+// Next word of the token reader, line ends skipped; false at end of file.
+bool next_word(std::FILE* f, std::string& w) {
+    BasisToken t;
+    while ((t = next_basis_token(f, w)) == BasisToken::LineEnd) {
     }
-    return w;
+    return t == BasisToken::Word;
 }
 
-}  // namespace
+// Skips words up to and including `word`; false at end of file.
+bool skip_to(std::FILE* f, const char* word) {
+    std::string w;
+    while (next_word(f, w))
+        if (w == word) return true;
+    return false;
+}
 
-std::unique_ptr<SymmetryInfo> read_symmetry(const std::string& path, int natoms, int ndummy) {
-    const long long n64 = static_cast<long long>(natoms) - ndummy;
-    if (n64 < 1 || n64 > natoms) return nullptr;
-    const int n = static_cast<int>(n64);
-    File file = open_read(path);
-    if (!file) return nullptr;
-    std::FILE* f = file.get();
-
+std::unique_ptr<SymmetryInfo> read_table(std::FILE* f, int n, JobError& error) {
     const int ntrans = read_keyword(f, "$ntrans");
     if (ntrans == kKeywordMissing || ntrans <= 1) return default_record(n);
 
@@ -56,9 +55,11 @@ std::unique_ptr<SymmetryInfo> read_symmetry(const std::string& path, int natoms,
     sym->ntrans = ntrans;
 
     std::rewind(f);
-    while (next_word(f) != "$group") {
+    std::string group;
+    if (!skip_to(f, "$group") || !next_word(f, group)) {
+        error = {kBasisFileEnded};
+        return nullptr;
     }
-    const std::string group = next_word(f);
     sym->group = group.size() <= 8 ? group : "c1";
 
     int nunique = read_keyword(f, "$sym_unique_atoms");
@@ -68,12 +69,17 @@ std::unique_ptr<SymmetryInfo> read_symmetry(const std::string& path, int natoms,
     bool all_unique = nunique == n;
     if (!all_unique) {
         std::string rest;
-        next_basis_token(f, rest);  // the rest of the keyword's line
+        if (next_basis_token(f, rest) == BasisToken::End) {  // the rest of the keyword's line
+            error = {kBasisFileEnded};
+            return nullptr;
+        }
         for (int i = 0; i < nunique && !all_unique; ++i)
             if (!scan_int(f, sym->unique[static_cast<std::size_t>(i)])) all_unique = true;
         if (!all_unique) {
             std::rewind(f);
-            while (next_word(f) != "$equivalent_atoms_array:") {
+            if (!skip_to(f, "$equivalent_atoms_array:")) {
+                error = {kBasisFileEnded};
+                return nullptr;
             }
             // Column by column: operation t's n images follow operation t-1's.
             for (int t = 0; t < ntrans && !all_unique; ++t)
@@ -90,6 +96,20 @@ std::unique_ptr<SymmetryInfo> read_symmetry(const std::string& path, int natoms,
     }
     sym->nunique = nunique;
     return sym;
+}
+
+}  // namespace
+
+JobError read_symmetry(Molecule& mol, const std::string& path) {
+    mol.symmetry.reset();
+    const long long n64 = static_cast<long long>(mol.natoms) - mol.ndummy[1];
+    if (n64 < 1 || n64 > mol.natoms) return {};
+    const int n = static_cast<int>(n64);
+    File file = open_read(path);
+    if (!file) return {};
+    JobError error;
+    mol.symmetry = read_table(file.get(), n, error);
+    return error;
 }
 
 }  // namespace kvx::moldata

@@ -66,7 +66,7 @@ int run_cube(int argc, char** argv) {
     std::string error;
     if (!read_property_file(in, order, pf, error)) return report_failure(kTool, error);
     std::vector<moldata::Atom> atoms;
-    if (!read_job_atoms(kTool, job, atoms, error)) return report_failure(kTool, error);
+    if (!read_job_atoms(job, atoms, error)) return report_failure(kTool, error);
 
     const PropertyName name = property_name_of(in);
     const std::string label = name.word.empty() ? "unknown property" : name.label();

@@ -9,6 +9,8 @@
 #include <fstream>
 #include <string_view>
 
+#include "moldata/property_words.h"
+
 namespace kvx::view {
 
 namespace {
@@ -147,40 +149,33 @@ PropertyName property_name_of(const std::string& path) {
     while (digits < name.size() && std::isdigit(static_cast<unsigned char>(name[name.size() - 1 - digits]))) ++digits;
     if (digits > 0 && digits < name.size() && name[name.size() - 1 - digits] == '-') {
         const std::string_view head = name.substr(0, name.size() - 1 - digits);
-        for (const char* w : {"moa", "mob", "loa", "lob", "nos"})
-            if (head.ends_with(std::string("-") + w)) {
+        for (const moldata::PropertyWord& p : moldata::kPropertyWords)
+            if (p.writes_file && p.orbital && head.ends_with(p.request)) {
                 int n = 0;
                 if (!parse_whole(name.substr(name.size() - digits), n) || n < 1) break;
-                out.word = w;
+                out.word = moldata::file_word(p);
                 out.orbital = n;
                 return out;
             }
     }
-    for (const char* w : {"ep", "den", "dena", "denb", "spin", "partd", "parts", "moa", "mob", "loa", "lob", "nos"})
-        if (name.ends_with(std::string("-") + w)) {
-            out.word = w;
+    // The request word is "-" and the file word: the separator before it.
+    for (const moldata::PropertyWord& p : moldata::kPropertyWords)
+        if (p.writes_file && name.ends_with(p.request)) {
+            out.word = moldata::file_word(p);
             return out;
         }
     return out;
 }
 
 bool is_signed_property(const std::string& word) {
-    for (const char* w : {"ep", "spin", "parts", "moa", "mob", "loa", "lob", "nos"})
-        if (word == w) return true;
-    return false;
+    const moldata::PropertyWord* p = moldata::find_file_word(word);
+    return p && p->is_signed;
 }
 
 std::string describe_property(const PropertyName& name) {
-    static const std::pair<const char*, const char*> kWords[] = {
-        {"ep", "electrostatic potential"}, {"den", "total density"},
-        {"dena", "alpha density"},         {"denb", "beta density"},
-        {"spin", "spin density"},          {"partd", "partial density"},
-        {"parts", "partial spin density"}, {"moa", "alpha orbital"},
-        {"mob", "beta orbital"},           {"loa", "localized alpha orbital"},
-        {"lob", "localized beta orbital"}, {"nos", "natural orbital"}};
-    for (const auto& [w, text] : kWords)
-        if (name.word == w) return name.orbital > 0 ? std::string(text) + " " + std::to_string(name.orbital) : text;
-    return "";
+    const moldata::PropertyWord* p = moldata::find_file_word(name.word);
+    if (!p) return "";
+    return name.orbital > 0 ? std::string(p->description) + " " + std::to_string(name.orbital) : p->description;
 }
 
 }  // namespace kvx::view

@@ -36,7 +36,7 @@ bool read_property_file(const std::string& path, ValueOrder order, PropertyFile&
 // What a property file holds, taken from the known words at the end of its
 // name: "BASE-moa-3.grid" is {"moa", 3}. word is empty when nothing matches.
 struct PropertyName {
-    std::string word;  // ep, den, dena, denb, spin, moa, mob, loa, lob, nos, partd, parts
+    std::string word;  // a file word of moldata::kPropertyWords ("moa"); empty when none
     int orbital = 0;   // for moa, mob, loa, lob, nos
     std::string label() const { return orbital > 0 ? word + "-" + std::to_string(orbital) : word; }
 };

@@ -210,7 +210,7 @@ int run_slice(int argc, char** argv) {
                                          std::to_string(pf.count[h]) + " and " + std::to_string(pf.count[v]));
     }
     std::vector<moldata::Atom> atoms;
-    if (!read_job_atoms(kTool, job, atoms, error)) return report_failure(kTool, error);
+    if (!read_job_atoms(job, atoms, error)) return report_failure(kTool, error);
 
     const PropertyName name = property_name_of(in);
     bool signed_property = is_signed_property(name.word);

@@ -11,33 +11,14 @@
 
 namespace kvx::view {
 
-namespace {
-
-struct JobReadGuard {
-    const char* tool = nullptr;
-    const char* job = nullptr;  // non-null while the readers run
-    bool registered = false;
-};
-
-JobReadGuard g_guard;
-
-void fail_interrupted_job_read() {
-    if (!g_guard.job) return;
+bool read_job_atoms(const std::string& job, std::vector<moldata::Atom>& atoms, std::string& error) {
+    moldata::MoleculeLoad load = moldata::build_molecule(job);
     std::fflush(stdout);
-    std::fprintf(stderr, "%s: cannot read job %s\n", g_guard.tool, g_guard.job);
-    std::_Exit(1);
-}
-
-}  // namespace
-
-bool read_job_atoms(const char* tool, const std::string& job, std::vector<moldata::Atom>& atoms,
-                    std::string& error) {
-    if (!g_guard.registered) g_guard.registered = std::atexit(fail_interrupted_job_read) == 0;
-    g_guard.tool = tool;
-    g_guard.job = job.c_str();
-    auto mol = moldata::build_molecule(job);
-    g_guard.job = nullptr;
-    std::fflush(stdout);
+    if (load.error) {
+        error = "cannot read job " + job + ": " + load.error.message;
+        return false;
+    }
+    const auto& mol = load.molecule;
     if (!mol || !mol->has_atoms()) {
         error = "cannot read job " + job + " (no atoms in " + job + ".coord or " + job + ".kvm)";
         return false;

@@ -11,12 +11,9 @@
 
 namespace kvx::view {
 
-// The job's atoms (bohr). The molecule readers end the process with status 0
-// on some damaged files; while they run, such an end is turned into status 1
-// with a message naming the job. False (and error set) when the job has no
-// atoms to read.
-bool read_job_atoms(const char* tool, const std::string& job, std::vector<moldata::Atom>& atoms,
-                    std::string& error);
+// The job's atoms (bohr). False (and error set, naming the job) when the
+// readers refuse the job or it has no atoms to read.
+bool read_job_atoms(const std::string& job, std::vector<moldata::Atom>& atoms, std::string& error);
 
 // Writes path through write(f) into a temporary file beside it, renamed over
 // path only when write returned true and every byte reached the disk.

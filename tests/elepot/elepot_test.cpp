@@ -244,7 +244,7 @@ TEST_F(Elepot, MixedShellsMatchMcMurchieDavidson) {
 TEST_F(Elepot, ClosedAndOpenShellMatchPsi4) {
     for (const std::string job : {"water", "ohrad"}) {
         const std::string dir = std::string(KVX_TEST_DATA) + "/" + job + "/";
-        auto mol = kvx::moldata::build_molecule(dir + job);
+        auto mol = kvx::moldata::build_molecule(dir + job).molecule;
         ASSERT_TRUE(mol);
         std::ifstream in(dir + "reference.txt");
         int n = 0;
@@ -268,7 +268,7 @@ TEST_F(Elepot, ClosedAndOpenShellMatchPsi4) {
 // refused, and a grid installed between set-up and run is not the one
 // computed. Points the mask rejects keep only the nuclear term.
 TEST_F(Elepot, ProgressSlicesForeignGridAndPointFilter) {
-    auto mol = kvx::moldata::build_molecule(KVX_TEST_DATA "/water/water");
+    auto mol = kvx::moldata::build_molecule(KVX_TEST_DATA "/water/water").molecule;
     const auto g = box({0.3, -0.1, 0.4}, 0.6, {5, 4, 3});
     const auto one = potential(*mol, *g, 1e-10);
     EXPECT_EQ(g_stdout,
@@ -307,7 +307,7 @@ TEST_F(Elepot, ProgressSlicesForeignGridAndPointFilter) {
 // grid's points given as a list get the grid's values to the last bit, also
 // when the lines of each point fill small slices.
 TEST_F(Elepot, PointListMatchesTheGrid) {
-    auto mol = kvx::moldata::build_molecule(KVX_TEST_DATA "/water/water");
+    auto mol = kvx::moldata::build_molecule(KVX_TEST_DATA "/water/water").molecule;
     const auto g = box({0.3, -0.1, 0.4}, 0.6, {5, 4, 3});
     const auto on_grid = potential(*mol, *g, 1e-10);
     const auto geo = kvx::grid::grid_geometry(*g);

@@ -186,7 +186,7 @@ class ReferencePoints : public ::testing::TestWithParam<const char*> {};
 // 1e-9 for these bases); the reference values carry 13 significant digits.
 TEST_P(ReferencePoints, OrbitalsMatchIndependentProgram) {
     const std::string job = GetParam(), dir = std::string(KVX_TEST_DATA) + "/" + job + "/";
-    auto mol = moldata::build_molecule(dir + job);
+    auto mol = moldata::build_molecule(dir + job).molecule;
     ASSERT_TRUE(mol && mol->has_shells()) << job;
     // '#' lines are comments; then the column names, then x y z and the values.
     struct Column { std::string set; int orbital, index; };

@@ -68,7 +68,7 @@ Table read_table(const std::string& path) {
 // JOB copied to OUT with the coefficients of odd-l functions negated; the
 // numbers of alpha and beta orbitals (0, 0 when the job cannot be read).
 std::pair<int, int> parity_corrected_copy(const std::string& job, const std::string& out) {
-    auto mol = kvx::moldata::build_molecule(job);
+    auto mol = kvx::moldata::build_molecule(job).molecule;
     if (!mol || !mol->alpha) return {0, 0};
     for (const char* e : {".control", ".coord", ".basis"}) fs::copy_file(job + e, out + e);
     for (auto* set : {mol->alpha.get(), mol->beta.get()}) {

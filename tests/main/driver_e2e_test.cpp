@@ -189,6 +189,32 @@ TEST_F(KalvexRun, MissingDataIsReportedAndTheRunGoesOn) {
     EXPECT_NE(grid_files()[0].filename().string().find("-moa-1.grid"), std::string::npos);
 }
 
+// Without orbitals every flag is 0: each request prints its own line, in
+// request order, and nothing is computed.
+TEST_F(KalvexRun, EveryRequestWithoutItsDataPrintsItsMessage) {
+    fs::remove(dir / "water.mos");
+    RunResult r = run("water -ep -chelp -den -dena -denb -spin -moa 1 -mob 1 -loa 1",
+                      "-lob 1 -nos 1 -partd 1 1 1 -parts 1 1 1\n");
+    EXPECT_EQ(r.status, 0);
+    const std::string expected =
+        "Electrostatic potential not available for current molecule\n"
+        "CHELP not available for current molecule\n"
+        "Total density not available for current molecule\n"
+        "Alpha density not available for current molecule\n"
+        "Beta density not available for current molecule\n"
+        "Spin density not available for current molecule\n"
+        "Alpha MOs not available for current molecule\n"
+        "Beta MOs not available for current molecule\n"
+        "Localized Alpha MOs not available for current molecule\n"
+        "Localized Beta MOs not available for current molecule\n"
+        "Natural Orbitals not available for current molecule\n"
+        "Partial density not available for current molecule\n"
+        "Partial spin density not available for current molecule\n";
+    const std::size_t after_pid = r.out.find('\n', r.out.find("Process ID is ")) + 1;
+    EXPECT_EQ(r.out.substr(after_pid), expected);
+    EXPECT_TRUE(grid_files().empty());
+}
+
 TEST_F(KalvexRun, EndDropsTheRestOfItsLineAndLastLineNeedsNoNewline) {
     RunResult r = run("water -xp 3 -yp 3 -zp 3", "-base a -end -den\n");
     EXPECT_TRUE(grid_files().empty());

@@ -1,11 +1,12 @@
 // Word matching, the option table, the request queue and line reading.
+#include "main/input.h"
+
 #include <gtest/gtest.h>
 
+#include <cctype>
 #include <cstdio>
 #include <string>
 #include <vector>
-
-#include "main/input.h"
 
 namespace kvx::main {
 namespace {
@@ -70,6 +71,29 @@ TEST_F(InputTest, ValueWordsAreExaminedAgainAndMissingWordsLeaveThingsAlone) {
     run_line(s.f);  // words match whole, never by prefix
     EXPECT_EQ(changed, 0);
     EXPECT_EQ(q.size(), 2u);
+}
+
+// The fourteen request words, matched whole and in any case, each taking
+// exactly its own number of following words as arguments.
+TEST_F(InputTest, EveryRequestWordQueuesWithItsArgumentCount) {
+    const struct {
+        const char* word;
+        int nargs;
+    } words[] = {{"-end", 0}, {"-ep", 0},  {"-den", 0}, {"-dena", 0}, {"-denb", 0},  {"-spin", 0},  {"-moa", 1},
+                 {"-mob", 1}, {"-loa", 1}, {"-lob", 1}, {"-nos", 1},  {"-partd", 3}, {"-parts", 3}, {"-chelp", 0}};
+    for (const auto& w : words) {
+        std::string upper = w.word;
+        for (char& c : upper) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+        Stream s(upper + " a b c\n");
+        q.clear();
+        run_line(s.f);
+        ASSERT_EQ(q.size(), 1u) << w.word;
+        EXPECT_STREQ(q[0].name, w.word);
+        EXPECT_EQ(q[0].nargs, w.nargs) << w.word;
+        EXPECT_STREQ(q[0].arg1, w.nargs >= 1 ? "a" : "") << w.word;
+        EXPECT_STREQ(q[0].arg2, w.nargs >= 3 ? "b" : "") << w.word;
+        EXPECT_STREQ(q[0].arg3, w.nargs >= 3 ? "c" : "") << w.word;
+    }
 }
 
 TEST_F(InputTest, PointFlipsOnEveryOccurrence) {

@@ -88,13 +88,23 @@ TEST(GridStamp, IsTheSumOverEachGeometryFieldAndChangesWithEach) {
 }
 
 TEST(NameFile, DirectoryAndOrbitalNumberForms) {
-    EXPECT_EQ(name_file("B", ".", "den", nullptr), "./B-den.grid");
-    EXPECT_EQ(name_file("B", "./", "den", nullptr), "./B-den.grid");
-    EXPECT_EQ(name_file("B", "", "den", nullptr), "B-den.grid");
-    EXPECT_EQ(name_file("MyMol", "/tmp/scr", "moa", "7"), "/tmp/scr/MyMol-moa-7.grid");
-    EXPECT_EQ(name_file("B", "/tmp/scr/", "moa", "3-5"), "/tmp/scr/B-moa-3.grid");
-    EXPECT_EQ(name_file("B", "d", "nos", "12,14"), "d/B-nos-12.grid");
-    EXPECT_EQ(name_file("B", "d", "mob", ""), "d/B-mob.grid");
+    using moldata::kPropertyWords;
+    using enum moldata::RequestKind;
+    const auto& den = kPropertyWords[kReqDen];
+    EXPECT_EQ(name_file("B", ".", den, nullptr), "./B-den.grid");
+    EXPECT_EQ(name_file("B", "./", den, nullptr), "./B-den.grid");
+    EXPECT_EQ(name_file("B", "", den, nullptr), "B-den.grid");
+    EXPECT_EQ(name_file("MyMol", "/tmp/scr", kPropertyWords[kReqMoa], "7"), "/tmp/scr/MyMol-moa-7.grid");
+    EXPECT_EQ(name_file("B", "/tmp/scr/", kPropertyWords[kReqMoa], "3-5"), "/tmp/scr/B-moa-3.grid");
+    EXPECT_EQ(name_file("B", "d", kPropertyWords[kReqNos], "12,14"), "d/B-nos-12.grid");
+    EXPECT_EQ(name_file("B", "d", kPropertyWords[kReqMob], ""), "d/B-mob.grid");
+    // Only orbitals carry a number: the first argument of -partd is a type.
+    EXPECT_EQ(name_file("B", "d", kPropertyWords[kReqPartd], "1"), "d/B-partd.grid");
+    const std::pair<int, const char*> words[] = {{kReqEp, "ep"},      {kReqDena, "dena"}, {kReqDenb, "denb"},
+                                                 {kReqSpin, "spin"},  {kReqLoa, "loa"},   {kReqLob, "lob"},
+                                                 {kReqParts, "parts"}};
+    for (const auto& [kind, word] : words)
+        EXPECT_EQ(name_file("B", "", kPropertyWords[kind], nullptr), std::string("B-") + word + ".grid");
 }
 
 // A fresh directory, removed with its contents afterwards.

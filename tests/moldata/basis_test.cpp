@@ -36,10 +36,13 @@ std::unique_ptr<Molecule> molecule_with(std::initializer_list<const char*> symbo
 
 std::string basis_file(const std::string& body) { return "$nbasis 0\n$basis\n" + body + "$end\n"; }
 
+// Shells read; a refusal of the job fails the test.
 bool read(Molecule& mol, const std::string& body) {
     TempJob job;
     job.write(".basis", basis_file(body));
-    return read_basis(mol, job.path(".basis"));
+    const JobError e = read_basis(mol, job.path(".basis"));
+    EXPECT_FALSE(e) << e.message;
+    return mol.has_shells();
 }
 
 }  // namespace
@@ -120,7 +123,7 @@ TEST(BasisReject, FilesThatCannotGiveTheAnnouncedBasisGetOneMessage) {
         auto mol = molecule_with({"H"}, c.nshell, c.nbasis);
         job.write(".basis", basis_file(c.body));
         ::testing::internal::CaptureStdout();
-        EXPECT_FALSE(read_basis(*mol, job.path(".basis"))) << c.message;
+        EXPECT_FALSE(read_basis(*mol, job.path(".basis"))) << c.message;  // rejected, not refused
         const std::string out = ::testing::internal::GetCapturedStdout();
         EXPECT_TRUE(mol->shells.empty()) << c.message;
         EXPECT_NE(out.find(c.message), std::string::npos) << out;
@@ -130,12 +133,29 @@ TEST(BasisReject, FilesThatCannotGiveTheAnnouncedBasisGetOneMessage) {
     // Refused without a message: no file, no "$basis" section, $nshell 0.
     auto mol = molecule_with({"H"}, 1, 1);
     EXPECT_FALSE(read_basis(*mol, job.path(".absent")));
+    EXPECT_FALSE(mol->has_shells());
     job.write(".basis", "$nbasis 1\nfor H\ns 1.0 1.0\n$end\n");
     EXPECT_FALSE(read_basis(*mol, job.path(".basis")));
+    EXPECT_FALSE(mol->has_shells());
     mol->nshell = 0;
     EXPECT_FALSE(read(*mol, "for H\ns 1.0 1.0\n"));
-    // End of file inside the section (no "$end") ends the run with status 0.
-    mol->nshell = 1;
-    job.write(".basis", "$basis\nfor H\ns 1.0 1.0\n");
-    EXPECT_EXIT(read_basis(*mol, job.path(".basis")), ::testing::ExitedWithCode(0), "");
+}
+
+// What refuses the whole job rather than only its basis.
+TEST(BasisReject, EndOfFileInsideTheSectionOrALongLabelRefusesTheJob) {
+    TempJob job;
+    auto mol = molecule_with({"H"}, 1, 1);
+    for (const char* text : {"$basis\nfor H\ns 1.0 1.0\n", "$basis\nfor H\ns 1.0 1.0\n$end", "$basis\nfor"}) {
+        job.write(".basis", text);
+        EXPECT_EQ(read_basis(*mol, job.path(".basis")).message, "1 End of file reached in Basis file") << text;
+        EXPECT_FALSE(mol->has_shells());
+    }
+    // Digits do not count: "H123456789" is the label "H"; "Hydrogen1x" is
+    // "Hydrogenx", one character too long.
+    job.write(".basis", basis_file("for H\ns 1.0 1.0\n"));
+    mol = molecule_with({"H123456789"}, 1, 1);
+    EXPECT_FALSE(read_basis(*mol, job.path(".basis")));
+    EXPECT_TRUE(mol->has_shells());
+    mol = molecule_with({"Hydrogen1x"}, 1, 1);
+    EXPECT_EQ(read_basis(*mol, job.path(".basis")).message, "Atomic symbol Hydrogen1x is  longer than 8 characters");
 }

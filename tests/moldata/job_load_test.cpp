@@ -105,7 +105,7 @@ TEST(JobLoad, RealJobsMatchTheScfProgram) {
     } jobs[] = {{"water", 1, 10.0}, {"ohrad", 0, 9.0}};
     for (const auto& job : jobs) {
         const std::string dir = std::string(KVX_TEST_DATA "/") + job.name;
-        auto mol = build_molecule(dir + "/" + job.name);
+        auto mol = build_molecule(dir + "/" + job.name).molecule;
         ASSERT_TRUE(mol && mol->alpha && mol->overlap && mol->density) << job.name;
         EXPECT_EQ(mol->restricted, job.restricted) << job.name;
         ASSERT_EQ(mol->beta != nullptr, job.restricted == 0) << job.name;

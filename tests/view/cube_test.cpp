@@ -141,7 +141,7 @@ TEST_F(CubeTool, RefusalsGiveOneMessageStatusOneAndNoFile) {
     std::string text = slurp(d.path() / "w-moa-3.grid");
     text.replace(text.find("\n7 9 11\n"), 8, "\n7 9 12\n");
     std::ofstream(d.path() / "bad-moa-3.grid") << text;
-    // More atoms in .coord than .control announces: the readers end the run.
+    // More atoms in .coord than .control announces: the readers refuse the job.
     fs::create_directory(d.path() / "j");
     for (const std::string ext : {".coord", ".basis", ".mos"})
         fs::copy_file(d.path() / ("water" + ext), d.path() / "j" / ("water" + ext));
@@ -152,7 +152,7 @@ TEST_F(CubeTool, RefusalsGiveOneMessageStatusOneAndNoFile) {
     expect_refusals(d, "kalvex-cube", {
         {"water bad-moa-3.grid", "bad-moa-3.grid: holds 693 values, the counts 7 x 9 x 12 = 756"},
         {"nosuch w-moa-3.grid out.cube", "cannot read job nosuch"},
-        {"j/water w-moa-3.grid out.cube", "cannot read job j/water"},
+        {"j/water w-moa-3.grid out.cube", "cannot read job j/water: Read_atomdata: number of atoms exceeded"},
         {"water missing.grid out.cube", "missing.grid: cannot open"},
         {"water w-moa-3.grid no/such/dir/out.cube", "cannot create no/such/dir/out.cube"},
         {"water", "usage: kalvex-cube JOB FILE.grid"},

@@ -87,23 +87,33 @@ TEST(PropertyFile, NamesEndInAKnownPropertyWord) {
         const char* path;
         const char* label;
         bool is_signed;
+        const char* description;
     } cases[] = {
-        {"dir/N6AGN49EN4AEN49E-moa-3.grid", "moa-3", true},
-        {"my-run-den.grid", "den", false},
-        {"x-dena.grid", "dena", false},
-        {"a-b-ep.grid", "ep", true},
-        {"p-parts.grid", "parts", true},
-        {"run-1-nos-12.grid", "nos-12", true},
-        {"q-lob-7.grid", "lob-7", true},
-        {"den.grid", "", false},       // no base separator
-        {"x-moa-0.grid", "", false},   // orbitals count from 1
-        {"x-dens.grid", "", false},
-        {"ep-den-x.grid", "", false},  // the word must end the name
+        {"dir/N6AGN49EN4AEN49E-moa-3.grid", "moa-3", true, "alpha orbital 3"},
+        {"my-run-den.grid", "den", false, "total density"},
+        {"x-dena.grid", "dena", false, "alpha density"},
+        {"x-denb.grid", "denb", false, "beta density"},
+        {"x-spin.grid", "spin", true, "spin density"},
+        {"a-b-ep.grid", "ep", true, "electrostatic potential"},
+        {"p-partd.grid", "partd", false, "partial density"},
+        {"p-parts.grid", "parts", true, "partial spin density"},
+        {"run-1-nos-12.grid", "nos-12", true, "natural orbital 12"},
+        {"q-mob-2.grid", "mob-2", true, "beta orbital 2"},
+        {"q-loa-1.grid", "loa-1", true, "localized alpha orbital 1"},
+        {"q-lob-7.grid", "lob-7", true, "localized beta orbital 7"},
+        {"q-moa.grid", "moa", true, "alpha orbital"},
+        {"den.grid", "", false, ""},      // no base separator
+        {"x-moa-0.grid", "", false, ""},  // orbitals count from 1
+        {"x-dens.grid", "", false, ""},
+        {"x-chelp.grid", "", false, ""},  // no request of that name writes a file
+        {"x-end.grid", "", false, ""},
+        {"ep-den-x.grid", "", false, ""},  // the word must end the name
     };
     for (const auto& c : cases) {
         const PropertyName n = property_name_of(c.path);
         EXPECT_EQ(n.label(), c.label) << c.path;
         EXPECT_EQ(is_signed_property(n.word), c.is_signed) << c.path;
+        EXPECT_EQ(describe_property(n), c.description) << c.path;
     }
 }
 

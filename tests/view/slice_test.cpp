@@ -259,12 +259,19 @@ TEST_F(SliceTool, DensityIsLogarithmicAndThePotentialClippedAboveItsNegativeRegi
 
 TEST_F(SliceTool, RefusalsGiveOneMessageStatusOneAndNoFile) {
     std::ofstream(d.path() / "flat-den.grid") << "1\n0 0 0\n0.5 0 0.5\n3 1 2\n1\n2\n3\n4\n5\n6\n";
+    // A basis file cut inside its section: the readers refuse the job.
+    fs::create_directory(d.path() / "j");
+    for (const std::string ext : {".control", ".coord", ".mos"})
+        fs::copy_file(d.path() / ("water" + ext), d.path() / "j" / ("water" + ext));
+    const std::string basis = slurp(d.path() / "water.basis");
+    std::ofstream(d.path() / "j" / "water.basis") << basis.substr(0, basis.find("$end"));
     expect_refusals(d, "kalvex-slice", {
         {"water w-moa-3.grid --plane w=1 out.svg", "bad plane \"w=1\""},
         {"water w-moa-3.grid --plane z=abc out.svg", "bad plane \"z=abc\""},
         {"water w-moa-3.grid out.svg", "usage: kalvex-slice"},
         {"water flat-den.grid --plane z=0 out.svg", "flat-den.grid: a z plane needs two or more points along x and y"},
         {"nosuch w-moa-3.grid --plane z=0 out.svg", "cannot read job nosuch"},
+        {"j/water w-moa-3.grid --plane z=0 out.svg", "cannot read job j/water: 1 End of file reached in Basis file"},
     });
     // The same flat grid has an x-z plane to show.
     const Ran r = d.run(tool("kalvex-slice") + " water flat-den.grid --plane y=3");
