@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include "common/command.h"
+#include "common/temp_dir.h"
 #include "grid/grid.h"
 
 namespace kvx::chelp {
@@ -38,10 +40,10 @@ struct Lattice {
         const double axes[3][3] = {{half, 0, 0}, {0, half, 0}, {0, 0, half}}, sp[3] = {0.5, 0.5, 0.5};
         grid = grid::grid_build(dims, c.data(), axes, sp, std::array{n, n, n}.data());
         pot = grid::property_grid_create(grid.get());
-        grid::grid_install(grid.get());
+        const grid::GridGeometry geo = grid::grid_geometry(*grid);
         for (unsigned k = 0; k < grid->total; ++k) {
             double r[3];
-            grid::grid_point_of_index(r, static_cast<int>(k));
+            geo.point_of_index(r, static_cast<int>(k));
             pot->values[k] = shift;
             for (const Charge& a : at)
                 if (const double d = std::hypot(r[0] - a.x, r[1] - a.y, r[2] - a.zc); d > 1e-12)
@@ -53,11 +55,10 @@ struct Lattice {
 // Runs the fit (or only the report when mol is null) and returns the report.
 std::string fit(const moldata::Molecule* mol, const grid::PropertyGrid* pot, double thresh = 1e-7) {
     EXPECT_EQ(mol ? chelp_setup(mol, thresh) : 1, 1);
-    const std::string path = ::testing::TempDir() + "kvx_chelp_" + std::to_string(getpid());
-    chelpg(pot, path.c_str());
+    const test::TempDir dir;
+    chelpg(pot, dir.file("job").c_str());
     chelp_release();
-    std::ifstream in(path + ".chelp");
-    return std::string(std::istreambuf_iterator<char>(in), {});
+    return test::read_file(dir.file("job.chelp"));
 }
 
 // Every number in the report, in order: points used and total, RMS and

@@ -15,7 +15,10 @@
 #include <tuple>
 #include <vector>
 
+#include "common/capture.h"
 #include "common/fatal.h"
+#include "common/molecules.h"
+#include "common/reference_table.h"
 #include "gauss/shell_types.h"
 #include "grid/grid.h"
 #include "moldata/molecule.h"
@@ -34,38 +37,6 @@ std::unique_ptr<Grid> box(std::array<double, 3> c, double h, std::array<int, 3> 
     double half[3][3] = {}, sp[3] = {h, h, h};
     for (int d = 0; d < 3; ++d) half[d][d] = 0.5 * h * (n[d] - 1);
     return kvx::grid::grid_build(ndim, c.data(), half, sp, n.data());
-}
-
-struct ShellDef {
-    int atom, type, ngc;
-    std::vector<double> rows;  // nprim rows of (exponent, coefficients...)
-};
-
-// Atoms (x, y, z, Z), shells, and the density dens(i, j), i >= j.
-std::unique_ptr<Molecule> make_molecule(const std::vector<std::array<double, 4>>& atoms,
-                                        const std::vector<ShellDef>& shells, double (*dens)(int, int)) {
-    auto mol = std::make_unique<Molecule>();
-    mol->natoms = static_cast<int>(atoms.size());
-    for (const auto& a : atoms)
-        mol->atoms.push_back({.symbol = "X", .x = a[0], .y = a[1], .z = a[2], .nuclear_charge = a[3]});
-    int nf = 1;
-    for (const ShellDef& sp : shells) {
-        const int size = gauss::kShellSize[sp.type], row = sp.type == 3 ? 3 : sp.ngc + 1;
-        auto pf = std::make_shared<std::vector<double>>();
-        for (std::size_t p = 0; p < sp.rows.size(); p += row) pf->push_back(std::pow(2 * sp.rows[p] / kPi, 0.75));
-        mol->shells.push_back({sp.type, size, sp.ngc, static_cast<int>(pf->size()), nf,
-                               std::make_shared<const std::vector<double>>(sp.rows), pf, &mol->atoms[sp.atom]});
-        nf += size * sp.ngc;
-    }
-    mol->nshell = static_cast<int>(mol->shells.size());
-    mol->nbasis = nf - 1;
-    auto D = std::make_shared<kvx::moldata::TriMatrix>();
-    D->n = mol->nbasis;
-    D->data.resize(static_cast<std::size_t>(D->n * (D->n + 1) / 2));
-    for (int i = 0; i < D->n; ++i)
-        for (int j = 0; j <= i; ++j) D->at(i, j) = dens(i, j);
-    mol->density = D;
-    return mol;
 }
 
 // A basis function as a sum of primitives c x^i y^j z^k exp(-alpha r^2).
@@ -174,9 +145,7 @@ std::vector<double> potential(const Molecule& mol, const Grid& g, double thresh,
     EXPECT_EQ(ep::elepot_init(&mol, &g, memmax, thresh, 1), 1);
     kvx::grid::grid_install(other);
     std::vector<double> out(g.total, -123.0);
-    testing::internal::CaptureStdout();
-    ep::comp_elepot(out.data(), &mol, admit);
-    g_stdout = testing::internal::GetCapturedStdout();
+    g_stdout = kvx::test::captured([&] { ep::comp_elepot(out.data(), &mol, admit); });
     return out;
 }
 
@@ -194,7 +163,9 @@ class Elepot : public testing::Test {
 // itself is left out.
 TEST_F(Elepot, SingleSFunctionIsAGaussianCharge) {
     const double a = 0.8, q = 2.0;
-    auto mol = make_molecule({{0.0, 0.25, -0.5, 1.0}}, {{0, 1, 1, {a, 1.0}}}, [](int, int) { return 2.0; });
+    kvx::test::MolBuilder b;
+    auto mol =
+        std::move(b.atom(0.0, 0.25, -0.5, 1.0).shell(0, 1, 1, {{a, 1.0}}).density([](int, int) { return 2.0; }).mol);
     const auto v = potential(*mol, *box({1.0, 0.25, -0.5}, 0.25, {17, 1, 1}, 1), 1e-10);  // x = -1..3
     for (int k = 0; k < 17; ++k) {
         const double r = std::fabs(-1.0 + 0.25 * k);
@@ -206,12 +177,15 @@ TEST_F(Elepot, SingleSFunctionIsAGaussianCharge) {
 // Every shell kind the worker takes (s with two general contractions, p, sp,
 // cartesian d/f/g/h, spherical d/f) on three centres with a dense density.
 std::unique_ptr<Molecule> mixed_molecule() {
-    return make_molecule(
-        {{0.0, 0.0, 0.1, 3.0}, {1.2, -0.3, 0.8, 1.0}, {-0.9, 1.1, -0.5, 2.0}},
-        {{0, 1, 2, {4.0, 0.6, -0.2, 0.9, 0.5, 0.8}}, {0, 3, 1, {2.2, 0.4, 0.7, 0.6, 0.8, 0.5}}, {0, 5, 1, {0.9, 1.0}},
-         {0, 7, 1, {0.7, 1.0}}, {1, 2, 1, {1.9, 0.5, 0.35, 0.8}}, {1, 8, 1, {0.6, 1.0}}, {2, 1, 1, {0.5, 1.0}},
-         {2, 4, 1, {1.5, 0.6, 0.45, 0.7}}, {2, 6, 1, {0.8, 1.0}}, {2, 9, 1, {0.9, 1.0}}},
+    kvx::test::MolBuilder b;
+    b.atom(0.0, 0.0, 0.1, 3.0).atom(1.2, -0.3, 0.8, 1.0).atom(-0.9, 1.1, -0.5, 2.0);
+    b.shell(0, 1, 2, {{4.0, 0.6, -0.2}, {0.9, 0.5, 0.8}}).shell(0, 3, 1, {{2.2, 0.4, 0.7}, {0.6, 0.8, 0.5}});
+    b.shell(0, 5, 1, {{0.9, 1.0}}).shell(0, 7, 1, {{0.7, 1.0}}).shell(1, 2, 1, {{1.9, 0.5}, {0.35, 0.8}});
+    b.shell(1, 8, 1, {{0.6, 1.0}}).shell(2, 1, 1, {{0.5, 1.0}}).shell(2, 4, 1, {{1.5, 0.6}, {0.45, 0.7}});
+    b.shell(2, 6, 1, {{0.8, 1.0}}).shell(2, 9, 1, {{0.9, 1.0}});
+    b.density(
         [](int i, int j) { return (i == j ? 0.5 : 0.0) + 0.3 * std::cos(0.37 * (i + j)) * std::exp(-0.05 * (i - j)); });
+    return std::move(b.mol);
 }
 
 TEST_F(Elepot, MixedShellsMatchMcMurchieDavidson) {
@@ -243,22 +217,16 @@ TEST_F(Elepot, MixedShellsMatchMcMurchieDavidson) {
 // thresh; the reference itself is good to 5e-11.
 TEST_F(Elepot, ClosedAndOpenShellMatchPsi4) {
     for (const std::string job : {"water", "ohrad"}) {
-        const std::string dir = std::string(KVX_TEST_DATA) + "/" + job + "/";
-        auto mol = kvx::moldata::build_molecule(dir + job).molecule;
+        auto mol = kvx::moldata::build_molecule(std::string(KVX_TEST_DATA) + "/" + job + "/" + job).molecule;
         ASSERT_TRUE(mol);
-        std::ifstream in(dir + "reference.txt");
-        int n = 0;
-        for (std::string line; std::getline(in, line);) {
-            std::istringstream ss(line);
-            std::vector<double> w;  // x y z ... potential
-            for (double d; ss >> d;) w.push_back(d);
-            if (w.size() < 4) continue;  // comments and the column header
-            ++n;
+        const kvx::test::ReferenceTable ref = kvx::test::job_reference(job);
+        const int pot = ref.column("potential");
+        ASSERT_GE(pot, 0) << job;
+        EXPECT_GT(ref.rows.size(), 50u) << job;
+        for (const auto& w : ref.rows)
             for (auto [thresh, tol] : {std::pair{1e-6, 1e-6}, std::pair{1e-10, 1e-9}})
-                EXPECT_NEAR(potential(*mol, *box({w[0], w[1], w[2]}, 0.1, {3, 3, 3}), thresh)[13], w.back(), tol)
+                EXPECT_NEAR(potential(*mol, *box({w[0], w[1], w[2]}, 0.1, {3, 3, 3}), thresh)[13], w[pot], tol)
                     << job << " thresh " << thresh << " at " << w[0] << " " << w[1] << " " << w[2];
-        }
-        EXPECT_GT(n, 50) << job;
     }
 }
 
@@ -318,9 +286,7 @@ TEST_F(Elepot, PointListMatchesTheGrid) {
         ASSERT_EQ(ep::elepot_point_count(), static_cast<long>(g->total));
         EXPECT_EQ(ep::elepot_slice_sizes().size() > 1, memmax < 100);
         std::vector<double> out(g->total);
-        testing::internal::CaptureStdout();
-        ep::comp_elepot(out.data(), mol.get());
-        testing::internal::GetCapturedStdout();
+        kvx::test::captured([&] { ep::comp_elepot(out.data(), mol.get()); });
         EXPECT_EQ(out, on_grid) << "memmax " << memmax;
     }
     EXPECT_EQ(ep::elepot_init_points(mol.get(), xyz.data(), 0, 400.0, 1e-10, 1), 0);

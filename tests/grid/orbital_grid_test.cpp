@@ -11,6 +11,7 @@
 #include <string>
 
 #include "common/fatal.h"
+#include "common/reference_table.h"
 #include "grid/density.h"
 #include "grid/gto_reference.h"
 #include "moldata/reader.h"
@@ -188,26 +189,19 @@ TEST_P(ReferencePoints, OrbitalsMatchIndependentProgram) {
     const std::string job = GetParam(), dir = std::string(KVX_TEST_DATA) + "/" + job + "/";
     auto mol = moldata::build_molecule(dir + job).molecule;
     ASSERT_TRUE(mol && mol->has_shells()) << job;
-    // '#' lines are comments; then the column names, then x y z and the values.
+    // The NAMEk_grid columns: orbital k of set NAME with the grid's displacement.
     struct Column { std::string set; int orbital, index; };
     std::vector<Column> columns;
-    std::vector<std::vector<double>> rows;
-    std::ifstream in(dir + "reference.txt");
-    for (std::string line, name; std::getline(in, line);) {
-        std::istringstream ls(line);
-        if (line.empty() || line[0] == '#') continue;
-        if (columns.empty()) {  // the header, the first line read: NAMEk_grid columns
-            for (int i = 0; ls >> name; ++i) {
-                const auto cut = name.find("_grid"), digit = name.find_first_of("0123456789");
-                if (cut != std::string::npos)
-                    columns.push_back({name.substr(0, digit), std::stoi(name.substr(digit, cut - digit)), i});
-            }
-            continue;
-        }
-        rows.emplace_back();
-        for (double v; ls >> v;) rows.back().push_back(v);
+    const test::ReferenceTable ref = test::job_reference(job);
+    for (std::size_t i = 0; i < ref.columns.size(); ++i) {
+        const std::string& name = ref.columns[i];
+        const auto cut = name.find("_grid"), digit = name.find_first_of("0123456789");
+        if (cut != std::string::npos)
+            columns.push_back({name.substr(0, digit), std::stoi(name.substr(digit, cut - digit)), static_cast<int>(i)});
     }
+    const auto& rows = ref.rows;
     ASSERT_GT(rows.size(), 20u);
+    ASSERT_FALSE(columns.empty());
 
     const double eps = 1e-12, half[3] = {0.5, 0.5, 0.5};
     const int counts[3] = {3, 3, 3}, mid[3] = {1, 1, 1};

@@ -18,6 +18,8 @@
 #include <vector>
 
 #include "common/command.h"
+#include "common/reference_table.h"
+#include "common/temp_dir.h"
 
 namespace fs = std::filesystem;
 
@@ -25,62 +27,18 @@ namespace {
 
 const std::string kData = KVX_TEST_DATA "/psi4/";
 
-struct TempDir {
-    fs::path path;
-    TempDir() {
-        char tmpl[] = "/tmp/kvx_import_XXXXXX";
-        if (mkdtemp(tmpl)) path = tmpl;
-    }
-    ~TempDir() { fs::remove_all(path); }
-    // Every file below the folder with its contents.
-    std::map<std::string, std::string> snapshot() const {
-        std::map<std::string, std::string> out;
-        for (const auto& e : fs::recursive_directory_iterator(path)) {
-            std::ifstream in(e.path(), std::ios::binary);
-            std::ostringstream s;
-            s << in.rdbuf();
-            out[e.path().lexically_relative(path).string()] = s.str();
-        }
-        return out;
-    }
-};
-
 using Result = kvx::test::CommandResult;
 using kvx::test::read_file;
+using kvx::test::read_reference_table;
+using kvx::test::ReferenceTable;
 using kvx::test::run_command;
+using kvx::test::TempDir;
 
 Result import(const std::string& input, const std::string& job) {
     return run_command("'" KVX_BIN_DIR "/kalvex-import' '" + input + "' '" + job + "'");
 }
 
 void write_file(const fs::path& path, const std::string& text) { std::ofstream(path, std::ios::binary) << text; }
-
-// NAME.ref: '#' comments, a header of column names, rows of numbers.
-struct Reference {
-    std::vector<std::string> names;
-    std::vector<std::vector<double>> rows;
-    int column(const std::string& name) const {
-        for (std::size_t i = 0; i < names.size(); ++i)
-            if (names[i] == name) return static_cast<int>(i);
-        return -1;
-    }
-};
-
-Reference read_reference(const std::string& path) {
-    Reference ref;
-    std::ifstream in(path);
-    for (std::string line; std::getline(in, line);) {
-        if (line.empty() || line[0] == '#') continue;
-        std::istringstream ls(line);
-        if (ref.names.empty()) {
-            for (std::string w; ls >> w;) ref.names.push_back(w);
-            continue;
-        }
-        ref.rows.emplace_back();
-        for (double v; ls >> v;) ref.rows.back().push_back(v);
-    }
-    return ref;
-}
 
 // A restricted open-shell job as programs that keep one orbital set write
 // it (psi4 writes both spins): FCHK without the beta arrays; Molden without
@@ -132,15 +90,15 @@ class Psi4Import : public ::testing::TestWithParam<Case> {};
 // 1e-8 relative for the large density and potential near nuclei.
 TEST_P(Psi4Import, KalvexValuesMatchPsi4) {
     const Case c = GetParam();
-    const Reference ref = read_reference(kData + c.job + ".ref");
+    const ReferenceTable ref = read_reference_table(kData + c.job + ".ref");
     ASSERT_GT(ref.rows.size(), 20u) << c.job;
     TempDir dir;
     std::string input = kData + c.file;
     if (c.one_set_nbeta > 0) {
-        input = (dir.path / c.file).string();
+        input = (dir.path() / c.file).string();
         write_file(input, one_set(read_file(kData + c.file), input.ends_with(".fchk"), c.one_set_nbeta));
     }
-    const Result imp = import(input, (dir.path / "job").string());
+    const Result imp = import(input, (dir.path() / "job").string());
     ASSERT_EQ(imp.status, 0) << imp.out;
     EXPECT_NE(imp.out.find(c.kind), std::string::npos) << imp.out;
 
@@ -150,8 +108,8 @@ TEST_P(Psi4Import, KalvexValuesMatchPsi4) {
         bool orbital;
     };
     std::vector<Column> cols;
-    for (std::size_t i = 0; i < ref.names.size(); ++i) {
-        const std::string& n = ref.names[i];
+    for (std::size_t i = 0; i < ref.columns.size(); ++i) {
+        const std::string& n = ref.columns[i];
         const auto cut = n.find("_grid");
         if (cut != std::string::npos && (n[0] == 'a' || n[0] == 'b'))
             cols.push_back({static_cast<int>(i), (n[0] == 'a' ? "-moa " : "-mob ") + n.substr(1, cut - 1), true});
@@ -170,8 +128,9 @@ TEST_P(Psi4Import, KalvexValuesMatchPsi4) {
         for (const Column& col : cols) lines += " " + col.request;
         lines += "\n";
     }
-    write_file(dir.path / "stdin.txt", lines + "-end\n");
-    const Result k = run_command("cd '" + dir.path.string() + "' && '" KVX_BINARY "' job -point -moacc 1e-12 -thresh 1e-12 < stdin.txt");
+    write_file(dir.path() / "stdin.txt", lines + "-end\n");
+    const Result k = run_command("cd '" + dir.path().string() +
+                                 "' && '" KVX_BINARY "' job -point -moacc 1e-12 -thresh 1e-12 < stdin.txt");
     ASSERT_EQ(k.status, 0) << k.out.substr(0, 2000);
 
     std::vector<double> got;
@@ -235,13 +194,13 @@ INSTANTIATE_TEST_SUITE_P(
 // and p shells gives the same orbitals with more shells.
 TEST(Import, SpShellsBecomeLShells) {
     TempDir dir;
-    const Result merged = import(kData + "water_sp.molden", (dir.path / "sp").string());
-    const Result plain = import(kData + "water_sp_plain.molden", (dir.path / "plain").string());
+    const Result merged = import(kData + "water_sp.molden", (dir.path() / "sp").string());
+    const Result plain = import(kData + "water_sp_plain.molden", (dir.path() / "plain").string());
     ASSERT_EQ(merged.status, 0) << merged.out;
     ASSERT_EQ(plain.status, 0) << plain.out;
-    const std::string basis = read_file((dir.path / "sp.basis").string());
+    const std::string basis = read_file((dir.path() / "sp.basis").string());
     EXPECT_NE(basis.find("\nl "), std::string::npos) << basis;
-    EXPECT_EQ(read_file((dir.path / "plain.basis").string()).find("\nl "), std::string::npos);
+    EXPECT_EQ(read_file((dir.path() / "plain.basis").string()).find("\nl "), std::string::npos);
 }
 
 // What a damaged or wrong file does: status 1, one message naming the file
@@ -305,10 +264,10 @@ TEST(Import, RefusedFilesLeaveNothingBehind) {
     };
     for (const auto& c : cases) {
         TempDir dir;
-        write_file(dir.path / c.name, c.text);
-        write_file(dir.path / "job.mos", "an earlier job");
+        write_file(dir.path() / c.name, c.text);
+        write_file(dir.path() / "job.mos", "an earlier job");
         const auto before = dir.snapshot();
-        const Result r = import((dir.path / c.name).string(), (dir.path / "job").string());
+        const Result r = import((dir.path() / c.name).string(), (dir.path() / "job").string());
         EXPECT_EQ(r.status, 1) << c.name << ": " << r.out;
         EXPECT_NE(r.out.find(c.name), std::string::npos) << c.name << ": " << r.out;
         EXPECT_NE(r.out.find(c.message), std::string::npos) << c.name << ": " << r.out;
@@ -336,9 +295,9 @@ TEST(Import, DamagedFilesNeverCrash) {
                 for (int f = 0; f < 4; ++f) damaged[pos(gen)] = static_cast<char>(byte(gen));
             }
             TempDir dir;
-            write_file(dir.path / name, damaged);
+            write_file(dir.path() / name, damaged);
             const auto before = dir.snapshot();
-            const Result r = import((dir.path / name).string(), (dir.path / "job").string());
+            const Result r = import((dir.path() / name).string(), (dir.path() / "job").string());
             ASSERT_TRUE(r.status == 0 || r.status == 1) << name << " case " << k << ": " << r.out;
             if (r.status == 1) {
                 EXPECT_EQ(dir.snapshot(), before) << name << " case " << k;
@@ -351,15 +310,15 @@ TEST(Import, DamagedFilesNeverCrash) {
 // of the same name left that kalvex would mix in are removed.
 TEST(Import, ContentDecidesFormatAndStaleFilesGo) {
     TempDir dir;
-    write_file(dir.path / "checkpoint.txt", read_file(kData + "oh_uhf.fchk"));
-    for (const char* e : {".los", ".nos", ".sym"}) write_file(dir.path / (std::string("job") + e), "stale");
-    const Result r = import((dir.path / "checkpoint.txt").string(), (dir.path / "job").string());
+    write_file(dir.path() / "checkpoint.txt", read_file(kData + "oh_uhf.fchk"));
+    for (const char* e : {".los", ".nos", ".sym"}) write_file(dir.path() / (std::string("job") + e), "stale");
+    const Result r = import((dir.path() / "checkpoint.txt").string(), (dir.path() / "job").string());
     ASSERT_EQ(r.status, 0) << r.out;
     EXPECT_NE(r.out.find("formatted checkpoint"), std::string::npos);
     for (const char* e : {".control", ".coord", ".basis", ".mos", ".mob"})
-        EXPECT_TRUE(fs::exists(dir.path / (std::string("job") + e))) << e;
-    for (const char* e : {".los", ".nos", ".sym"}) EXPECT_FALSE(fs::exists(dir.path / (std::string("job") + e))) << e;
-    for (const auto& e : fs::directory_iterator(dir.path))
+        EXPECT_TRUE(fs::exists(dir.path() / (std::string("job") + e))) << e;
+    for (const char* e : {".los", ".nos", ".sym"}) EXPECT_FALSE(fs::exists(dir.path() / (std::string("job") + e))) << e;
+    for (const auto& e : fs::directory_iterator(dir.path()))
         EXPECT_EQ(e.path().filename().string().find(".kalvex-import"), std::string::npos);
 }
 

@@ -23,6 +23,8 @@
 #include <vector>
 
 #include "common/command.h"
+#include "common/reference_table.h"
+#include "common/temp_dir.h"
 #include "moldata/orbitals.h"
 #include "moldata/reader.h"
 
@@ -32,38 +34,10 @@ namespace {
 
 using kvx::test::CommandResult;
 using kvx::test::read_file;
+using kvx::test::read_reference_table;
+using kvx::test::ReferenceTable;
 using kvx::test::run_command;
-
-struct TempDir {
-    fs::path path;
-    TempDir() {
-        char tmpl[] = "/tmp/kvx_writers_XXXXXX";
-        if (mkdtemp(tmpl)) path = tmpl;
-    }
-    ~TempDir() { fs::remove_all(path); }
-};
-
-// '#' comments, one line of column names, rows of numbers.
-struct Table {
-    std::vector<std::string> names;
-    std::vector<std::vector<double>> rows;
-};
-
-Table read_table(const std::string& path) {
-    Table t;
-    std::ifstream in(path);
-    for (std::string line; std::getline(in, line);) {
-        if (line.empty() || line[0] == '#') continue;
-        std::istringstream ls(line);
-        if (t.names.empty()) {
-            for (std::string w; ls >> w;) t.names.push_back(w);
-            continue;
-        }
-        t.rows.emplace_back();
-        for (double v; ls >> v;) t.rows.back().push_back(v);
-    }
-    return t;
-}
+using kvx::test::TempDir;
 
 // JOB copied to OUT with the coefficients of odd-l functions negated; the
 // numbers of alpha and beta orbitals (0, 0 when the job cannot be read).
@@ -125,28 +99,29 @@ class WriterImport : public ::testing::TestWithParam<Case> {};
 TEST_P(WriterImport, OrbitalsAndPotentialMatchTheWriter) {
     const Case c = GetParam();
     const std::string data = std::string(KVX_TEST_DATA "/") + c.dir + "/";
-    const Table orb = read_table(data + c.job + ".orb"), esp = read_table(data + c.job + ".esp");
+    const ReferenceTable orb = read_reference_table(data + c.job + ".orb"),
+                         esp = read_reference_table(data + c.job + ".esp");
     ASSERT_GE(orb.rows.size(), 20u);
     ASSERT_GE(esp.rows.size(), 20u);
     TempDir dir;
     const CommandResult imp =
-        run_command("'" KVX_BIN_DIR "/kalvex-import' '" + data + c.file + "' '" + (dir.path / "job").string() + "'");
+        run_command("'" KVX_BIN_DIR "/kalvex-import' '" + data + c.file + "' '" + (dir.path() / "job").string() + "'");
     ASSERT_EQ(imp.status, 0) << imp.out;
     EXPECT_NE(imp.out.find(c.kind), std::string::npos) << imp.out;
-    const auto [nalpha, nbeta] = parity_corrected_copy((dir.path / "job").string(), (dir.path / "true").string());
+    const auto [nalpha, nbeta] = parity_corrected_copy((dir.path() / "job").string(), (dir.path() / "true").string());
     ASSERT_GT(nalpha, 0);
 
     // AIM files hold the occupied orbitals only: the columns of virtual ones drop out.
     std::vector<std::string> requests;
     std::vector<std::size_t> columns;
-    for (std::size_t i = 3; i < orb.names.size(); ++i) {
-        const bool beta = orb.names[i][0] == 'b';
-        if (std::stoi(orb.names[i].substr(1)) > (beta ? nbeta : nalpha)) continue;
-        requests.push_back((beta ? "-mob " : "-moa ") + orb.names[i].substr(1));
+    for (std::size_t i = 3; i < orb.columns.size(); ++i) {
+        const bool beta = orb.columns[i][0] == 'b';
+        if (std::stoi(orb.columns[i].substr(1)) > (beta ? nbeta : nalpha)) continue;
+        requests.push_back((beta ? "-mob " : "-moa ") + orb.columns[i].substr(1));
         columns.push_back(i);
     }
     ASSERT_GE(requests.size(), 2u);
-    const std::vector<double> got = kalvex_points(dir.path, "true", orb.rows, requests);
+    const std::vector<double> got = kalvex_points(dir.path(), "true", orb.rows, requests);
     ASSERT_EQ(got.size(), orb.rows.size() * requests.size());
     double worst = 0;
     for (std::size_t j = 0; j < requests.size(); ++j) {
@@ -165,7 +140,7 @@ TEST_P(WriterImport, OrbitalsAndPotentialMatchTheWriter) {
                                << " " << orb.rows[p][2] << ": " << r;
         }
     }
-    const std::vector<double> pot = kalvex_points(dir.path, "job", esp.rows, {"-ep"});
+    const std::vector<double> pot = kalvex_points(dir.path(), "job", esp.rows, {"-ep"});
     ASSERT_EQ(pot.size(), esp.rows.size());
     double worst_ep = 0;
     for (std::size_t p = 0; p < esp.rows.size(); ++p) {
@@ -254,16 +229,16 @@ TEST(WriterImport, DamagedFilesAreRefusedWhole) {
     };
     for (const auto& c : cases) {
         TempDir dir;
-        std::ofstream(dir.path / "job.mos") << "an earlier job";
-        std::ofstream(dir.path / c.name) << c.text;
-        const auto before = snapshot(dir.path);
-        const CommandResult r = run_command("'" KVX_BIN_DIR "/kalvex-import' '" + (dir.path / c.name).string() + "' '" +
-                                            (dir.path / "job").string() + "'");
+        std::ofstream(dir.path() / "job.mos") << "an earlier job";
+        std::ofstream(dir.path() / c.name) << c.text;
+        const auto before = snapshot(dir.path());
+        const CommandResult r = run_command("'" KVX_BIN_DIR "/kalvex-import' '" + (dir.path() / c.name).string() +
+                                            "' '" + (dir.path() / "job").string() + "'");
         EXPECT_EQ(r.status, 1) << c.name << ": " << r.out;
         EXPECT_NE(r.out.find(c.name), std::string::npos) << c.name << ": " << r.out;
         EXPECT_NE(r.out.find(c.message), std::string::npos) << c.name << ": " << r.out;
         EXPECT_EQ(std::count(r.out.begin(), r.out.end(), '\n'), 1) << c.name << ": " << r.out;
-        EXPECT_EQ(snapshot(dir.path), before) << c.name;
+        EXPECT_EQ(snapshot(dir.path()), before) << c.name;
     }
 }
 
@@ -272,19 +247,19 @@ TEST(WriterImport, DamagedFilesAreRefusedWhole) {
 // known convention makes them orthonormal, and the refusal says by how much.
 TEST(WriterImport, UnknownNormalisationIsRefusedWithItsDeviation) {
     TempDir dir;
-    const CommandResult r = import_into(dir.path, "water_tz.wfn", read_file(KVX_TEST_DATA "/nwchem/water_tz.wfn"));
+    const CommandResult r = import_into(dir.path(), "water_tz.wfn", read_file(KVX_TEST_DATA "/nwchem/water_tz.wfn"));
     EXPECT_EQ(r.status, 1) << r.out;
     EXPECT_NE(r.out.find("water_tz.wfn"), std::string::npos) << r.out;
     EXPECT_NE(r.out.find("not orthonormal"), std::string::npos) << r.out;
     EXPECT_NE(r.out.find("largest |C S C^T - I| 1.2e-03"), std::string::npos) << r.out;
-    EXPECT_FALSE(fs::exists(dir.path / "job.mos"));
+    EXPECT_FALSE(fs::exists(dir.path() / "job.mos"));
 }
 
 // NWChem's wfn file of a job with an effective core potential gives iodine
 // its full charge: the import goes through, and the report points at it.
 TEST(WriterImport, FullChargesOfCorePotentialJobsAreNoted) {
     TempDir dir;
-    const CommandResult r = import_into(dir.path, "hi_ecp.wfn", read_file(KVX_TEST_DATA "/nwchem/hi_ecp.wfn"));
+    const CommandResult r = import_into(dir.path(), "hi_ecp.wfn", read_file(KVX_TEST_DATA "/nwchem/hi_ecp.wfn"));
     EXPECT_EQ(r.status, 0) << r.out;
     EXPECT_NE(r.out.find("note: charge +28; if the job used effective core potentials"), std::string::npos) << r.out;
 }
@@ -305,10 +280,10 @@ TEST(WriterImport, DamagedAimFilesNeverCrash) {
                 for (int f = 0; f < 4; ++f) damaged[pos(gen)] = static_cast<char>(byte(gen));
             }
             TempDir dir;
-            const CommandResult r = import_into(dir.path, name, damaged);
+            const CommandResult r = import_into(dir.path(), name, damaged);
             ASSERT_TRUE(r.status == 0 || r.status == 1) << name << " case " << k << ": " << r.out;
             if (r.status == 1) {
-                EXPECT_FALSE(fs::exists(dir.path / "job.mos")) << name << " case " << k;
+                EXPECT_FALSE(fs::exists(dir.path() / "job.mos")) << name << " case " << k;
             }
         }
     }

@@ -17,26 +17,30 @@
 #include <vector>
 
 #include "common/command.h"
+#include "common/grid_file.h"
+#include "common/reference_table.h"
+#include "common/temp_dir.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
 using RunResult = kvx::test::CommandResult;
+using kvx::test::GridText;
+using kvx::test::read_grid_text;
 
 class KalvexRun : public ::testing::Test {
 protected:
+    kvx::test::TempDir tmp;
     fs::path dir;
 
     void SetUp() override {
-        char tmpl[] = "/tmp/kvx_e2e_XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir = tmpl;
+        ASSERT_FALSE(tmp.path().empty());
+        dir = tmp.path();
         for (const char* job : {"water", "ohrad"})
             for (const auto& e : fs::directory_iterator(fs::path(KVX_TEST_DATA) / job))
                 if (e.path().filename() != "reference.txt") fs::copy_file(e.path(), dir / e.path().filename());
     }
-    void TearDown() override { fs::remove_all(dir); }
 
     // Runs kalvex in the temporary directory with the given arguments and
     // standard input text.
@@ -60,23 +64,6 @@ int count(const std::string& hay, const std::string& needle) {
     int n = 0;
     for (size_t p = hay.find(needle); p != std::string::npos; p = hay.find(needle, p + 1)) ++n;
     return n;
-}
-
-struct GridFile {
-    unsigned stamp = 0;
-    double origin[3] = {}, step[3] = {};
-    int n[3] = {};
-    std::vector<double> v;
-};
-
-GridFile read_grid(const fs::path& p) {
-    GridFile g;
-    std::ifstream f(p);
-    f >> g.stamp >> g.origin[0] >> g.origin[1] >> g.origin[2] >> g.step[0] >> g.step[1] >> g.step[2] >> g.n[0] >>
-        g.n[1] >> g.n[2];
-    double x;
-    while (f >> x) g.v.push_back(x);
-    return g;
 }
 
 // Value after "Property:" in a single-point line.
@@ -114,7 +101,7 @@ TEST_F(KalvexRun, OptionChangeRebuildsTheGridAndRenamesTheFile) {
     const auto files = grid_files();
     ASSERT_EQ(files.size(), 3u);
     std::vector<int> nx;
-    for (const auto& f : files) nx.push_back(read_grid(f).n[0]);
+    for (const auto& f : files) nx.push_back(read_grid_text(f).n[0]);
     std::sort(nx.begin(), nx.end());
     EXPECT_EQ(nx, (std::vector<int>{10, 12, 12}));
 }
@@ -122,7 +109,7 @@ TEST_F(KalvexRun, OptionChangeRebuildsTheGridAndRenamesTheFile) {
 TEST_F(KalvexRun, ValueOrderSwitchWritesTheSameValuesTransposed) {
     run("water -xp 4 -yp 5 -zp 6 -base fx -den", "");
     run("water -xp 4 -yp 5 -zp 6 -base st -fgrid 0 -den", "");
-    const GridFile a = read_grid(dir / "fx-den.grid"), b = read_grid(dir / "st-den.grid");
+    const GridText a = read_grid_text(dir / "fx-den.grid"), b = read_grid_text(dir / "st-den.grid");
     ASSERT_EQ(a.v.size(), 120u);
     ASSERT_EQ(b.v.size(), 120u);
     EXPECT_EQ(a.stamp, b.stamp);
@@ -138,30 +125,11 @@ TEST_F(KalvexRun, ValueOrderSwitchWritesTheSameValuesTransposed) {
 TEST_F(KalvexRun, SinglePointModePrintsOneLineAndWritesNoFile) {
     // Reference potential of the water job at its first scattered point
     // (psi4 agrees to 5e-11); printed with six decimals.
-    std::ifstream ref(fs::path(KVX_TEST_DATA) / "water" / "reference.txt");
-    std::string line, header;
-    std::vector<std::string> cols;
-    double x = 0, y = 0, z = 0, pot = NAN;
-    // Comment lines, a header line naming the columns, then one line per point.
-    while (std::getline(ref, line) && (line.empty() || line[0] == '#')) {
-    }
-    header = line;
-    ASSERT_TRUE(std::getline(ref, line));
-    {
-        std::istringstream hs(header), ls(line);
-        std::string c;
-        while (hs >> c) cols.push_back(c);
-        std::vector<double> vals;
-        double v;
-        while (ls >> v) vals.push_back(v);
-        ASSERT_EQ(vals.size(), cols.size());
-        for (size_t i = 0; i < cols.size(); ++i) {
-            if (cols[i] == "x") x = vals[i];
-            if (cols[i] == "y") y = vals[i];
-            if (cols[i] == "z") z = vals[i];
-            if (cols[i] == "potential") pot = vals[i];
-        }
-    }
+    const kvx::test::ReferenceTable ref = kvx::test::job_reference("water");
+    ASSERT_FALSE(ref.rows.empty());
+    const auto& row = ref.rows[0];
+    const double x = row[ref.column("x")], y = row[ref.column("y")], z = row[ref.column("z")],
+                 pot = ref.column("potential") >= 0 ? row[ref.column("potential")] : NAN;
     ASSERT_FALSE(std::isnan(pot));
     char args[256];
     std::snprintf(args, sizeof args, "water -point -px %.12f -py %.12f -pz %.12f -thresh 1e-10 -ep", x, y, z);
@@ -224,9 +192,9 @@ TEST_F(KalvexRun, EndDropsTheRestOfItsLineAndLastLineNeedsNoNewline) {
 
 TEST_F(KalvexRun, OpenShellDensitiesAddUp) {
     run("ohrad -xp 5 -yp 5 -zp 5 -base o -den -dena -denb -spin -partd 1 1-5 1-4 -parts 1 -5 -4", "");
-    const GridFile den = read_grid(dir / "o-den.grid"), a = read_grid(dir / "o-dena.grid"),
-                   b = read_grid(dir / "o-denb.grid"), s = read_grid(dir / "o-spin.grid"),
-                   pd = read_grid(dir / "o-partd.grid"), ps = read_grid(dir / "o-parts.grid");
+    const GridText den = read_grid_text(dir / "o-den.grid"), a = read_grid_text(dir / "o-dena.grid"),
+                   b = read_grid_text(dir / "o-denb.grid"), s = read_grid_text(dir / "o-spin.grid"),
+                   pd = read_grid_text(dir / "o-partd.grid"), ps = read_grid_text(dir / "o-parts.grid");
     ASSERT_EQ(den.v.size(), 125u);
     for (size_t i = 0; i < den.v.size(); ++i) {
         EXPECT_NEAR(den.v[i], a.v[i] + b.v[i], 2.5e-6);

@@ -1,4 +1,6 @@
 // Stamps, stamp text, file names, the reuse test and the grid file layout.
+#include "main/output.h"
+
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -10,9 +12,10 @@
 #include <string>
 #include <vector>
 
+#include "common/capture.h"
+#include "common/temp_dir.h"
 #include "grid/grid.h"
 #include "grid/property_grid.h"
-#include "main/output.h"
 
 namespace kvx::main {
 namespace {
@@ -110,13 +113,9 @@ TEST(NameFile, DirectoryAndOrbitalNumberForms) {
 // A fresh directory, removed with its contents afterwards.
 class GridFile : public ::testing::Test {
 protected:
-    void SetUp() override {
-        char tmpl[] = "/tmp/kvx_output_XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir = tmpl;
-    }
-    void TearDown() override { fs::remove_all(dir); }
-    std::string path(const std::string& leaf) const { return dir + "/" + leaf; }
+    kvx::test::TempDir tmp;
+    const std::string dir = tmp.path().string();
+    std::string path(const std::string& leaf) const { return tmp.file(leaf); }
     static std::vector<std::string> lines(const std::string& name) {
         std::ifstream in(name);
         std::vector<std::string> out;
@@ -126,9 +125,7 @@ protected:
     // fout_dbs or write_property, returning what it printed.
     template <class F>
     static std::string printed(F write) {
-        testing::internal::CaptureStdout();
-        write();
-        return testing::internal::GetCapturedStdout();
+        return kvx::test::captured(write);
     }
     // A grid of spacing 0.5 and its (unfilled) property grid, written to leaf.
     void make(const double c[3], const double half[3][3], const int n[3], const std::string& leaf) {
@@ -137,7 +134,6 @@ protected:
         pg = grid::property_grid_create(g.get());
         pg->filename = path(leaf);
     }
-    std::string dir;
     std::unique_ptr<grid::Grid> g;
     std::unique_ptr<grid::PropertyGrid> pg;
 };

@@ -1,11 +1,13 @@
 // Orbital lists -> occupation vectors.
+#include "main/select.h"
+
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <string>
 #include <vector>
 
-#include "main/select.h"
+#include "common/capture.h"
 
 using kvx::main::select_mos;
 using kvx::moldata::Molecule;
@@ -56,9 +58,7 @@ std::vector<double> sel(const Molecule& mol, const char* list, int type, int neg
 }
 
 std::string captured(const Molecule& mol, const char* list, int type) {
-    testing::internal::CaptureStdout();
-    sel(mol, list, type);
-    return testing::internal::GetCapturedStdout();
+    return kvx::test::captured([&] { sel(mol, list, type); });
 }
 
 }  // namespace
@@ -99,9 +99,8 @@ TEST(SelectMos, NegationTurnsSelectedEntriesNegative) {
 TEST(SelectMos, OrbitalsPastTheSetAreReportedWithZeroBasedNumbers) {
     Fixture f(false);
     // 9-12 over a set of 10: 9 and 10 set, 11 and 12 reported as 10 and 11.
-    testing::internal::CaptureStdout();
-    auto v = sel(f.mol, "9-12", 1);
-    const std::string out = testing::internal::GetCapturedStdout();
+    std::vector<double> v;
+    const std::string out = kvx::test::captured([&] { v = sel(f.mol, "9-12", 1); });
     EXPECT_EQ(v, (std::vector<double>{0, 0, 0, 0, 0, 0, 0, 0, 1, 1}));
     EXPECT_EQ(out,
               "Kalvex select_mos; mo no. 10 cannot be included in the list\n"

@@ -1,20 +1,22 @@
 // Basis reader: normalised contractions, label matching, data sharing,
 // sorting and numbering, and rejected files.
+#include "moldata/basis.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
 #include <string>
 
+#include "common/capture.h"
 #include "job_files.h"
-#include "moldata/basis.h"
 #include "moldata/molecule.h"
 #include "moldata/overlap.h"
 #include "moldata/symbols.h"
 
 using namespace kvx::moldata;
 namespace gauss = kvx::gauss;
-using kvx::testing::TempJob;
+using kvx::test::TempJob;
 
 namespace {
 
@@ -122,9 +124,8 @@ TEST(BasisReject, FilesThatCannotGiveTheAnnouncedBasisGetOneMessage) {
     for (const auto& c : cases) {
         auto mol = molecule_with({"H"}, c.nshell, c.nbasis);
         job.write(".basis", basis_file(c.body));
-        ::testing::internal::CaptureStdout();
-        EXPECT_FALSE(read_basis(*mol, job.path(".basis"))) << c.message;  // rejected, not refused
-        const std::string out = ::testing::internal::GetCapturedStdout();
+        const std::string out = kvx::test::captured(
+            [&] { EXPECT_FALSE(read_basis(*mol, job.path(".basis"))) << c.message; });  // rejected, not refused
         EXPECT_TRUE(mol->shells.empty()) << c.message;
         EXPECT_NE(out.find(c.message), std::string::npos) << out;
         EXPECT_NE(out.find(job.path(".basis")), std::string::npos) << out;

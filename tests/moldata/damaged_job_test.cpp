@@ -17,7 +17,7 @@
 #include "moldata/reader.h"
 
 using namespace kvx::moldata;
-using kvx::testing::TempJob;
+using kvx::test::TempJob;
 
 namespace {
 
@@ -64,8 +64,10 @@ TEST(DamagedJob, TruncatedOrScrambledFilesLoadOrAreRefused) {
     for (const char* ext : {".control", ".coord", ".basis", ".sym", ".mos", ".kvm"}) {
         TempJob job;
         const bool one_file = std::string(ext) == ".kvm";  // the one-file layout has no ".control"
-        if (one_file) job.copy_from(kvx::testing::kH2, {".kvm"});
-        else kvx::testing::write_h2(job);
+        if (one_file)
+            job.copy_from(kvx::test::kH2, {".kvm"});
+        else
+            kvx::test::write_h2(job);
         std::ostringstream buf;
         buf << std::ifstream(job.path(ext), std::ios::binary).rdbuf();
         const std::string full = buf.str();
@@ -88,7 +90,7 @@ TEST(DamagedJob, TruncatedOrScrambledFilesLoadOrAreRefused) {
 // Counts far beyond what the files hold must not size allocations.
 TEST(DamagedJob, HugeCountsLoad) {
     TempJob job;
-    kvx::testing::write_h2(job);
+    kvx::test::write_h2(job);
     job.write(".control", "$natoms 2000000000\n$nalpha 2000000000\n$nbeta -5\n$multiplicity 2\n");
     EXPECT_EQ(load_in_child(job.job()), kReturned);
     job.write(".control", "$natoms 2\n$nalpha 1\n");
@@ -131,7 +133,7 @@ TEST(DamagedJob, RefusedJobMessageFromKalvexAndTheViewTools) {
     };
     for (const auto& c : cases) {
         TempJob job;
-        kvx::testing::write_h2(job);
+        kvx::test::write_h2(job);
         job.write(c.ext, c.text);
         const std::string dir = job.job().substr(0, job.job().rfind('/'));
         job.write("-den.grid", "0\n0 0 0\n1 1 1\n1 1 1\n1.0\n");

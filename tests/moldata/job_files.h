@@ -4,39 +4,28 @@
 
 #include <bit>
 #include <cstdint>
-#include <cstdlib>  // mkdtemp
 #include <filesystem>
 #include <fstream>
 #include <optional>
 #include <string>
 #include <vector>
 
-namespace kvx::testing {
+#include "common/temp_dir.h"
 
+namespace kvx::test {
+
+// A throw-away job: JOB_DIR/job plus the extensions written.
 class TempJob {
 public:
-    TempJob() {
-        std::string tmpl = (std::filesystem::temp_directory_path() / "kvx_moldata_XXXXXX").string();
-        dir_ = mkdtemp(tmpl.data());
-    }
-    ~TempJob() {
-        std::error_code ec;
-        std::filesystem::remove_all(dir_, ec);
-    }
-    TempJob(const TempJob&) = delete;
-    TempJob& operator=(const TempJob&) = delete;
-
-    std::string job() const { return dir_ + "/job"; }  // job name without extension
+    std::string job() const { return dir_.file("job"); }  // job name without extension
     std::string path(const std::string& ext) const { return job() + ext; }
-    void write(const std::string& ext, const std::string& bytes) const {
-        std::ofstream(path(ext), std::ios::binary) << bytes;
-    }
+    void write(const std::string& ext, const std::string& bytes) const { dir_.write("job" + ext, bytes); }
     void copy_from(const std::string& source_job, std::initializer_list<const char*> exts) const {
-        for (const char* e : exts) std::filesystem::copy_file(source_job + e, path(e));
+        dir_.copy_job(source_job, "job", exts);
     }
 
 private:
-    std::string dir_;
+    test::TempDir dir_;
 };
 
 // Little-endian byte image of a binary orbital file: header record (norb,
@@ -82,4 +71,4 @@ inline void write_h2(const TempJob& job) {
     job.write(".mos", mos.bytes());
 }
 
-}  // namespace kvx::testing
+}  // namespace kvx::test

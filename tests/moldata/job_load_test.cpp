@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+#include "common/basis_values.h"
+#include "common/reference_table.h"
 #include "moldata/molecule.h"
 #include "moldata/reader.h"
 
@@ -19,50 +21,19 @@ namespace gauss = kvx::gauss;
 
 namespace {
 
-// Every basis function at r straight from the shells (cartesian shells):
-// x^ex y^ey z^ez sum_p coef * prefact * exp(-a |r - A|^2).
-std::vector<double> basis_values(const Molecule& mol, double x, double y, double z) {
-    std::vector<double> v(static_cast<std::size_t>(mol.nbasis), 0.0);
-    for (const Shell& s : mol.shells) {
-        const double dx = x - s.center->x, dy = y - s.center->y, dz = z - s.center->z;
-        for (int g = 0; g < s.ngc; ++g)
-            for (int k = 0; k < s.size; ++k) {
-                const gauss::CartExp e = gauss::type_exponents(s.type, k);
-                double radial = 0;
-                for (int p = 0; p < s.nprim; ++p)
-                    radial += s.coef(p, s.type == 3 ? (k > 0) : g) * (*s.prefact)[p] *
-                              std::exp(-s.exponent(p) * (dx * dx + dy * dy + dz * dz));
-                v[s.nfirst - 1 + g * s.size + k] = radial * std::pow(dx, e.x) * std::pow(dy, e.y) * std::pow(dz, e.z);
-            }
-    }
-    return v;
-}
-
 // The reference values carry 13 significant digits and the orbital sign is
 // the file's own, so agreement to 1e-9 (the largest value is about 2.5) can
 // only come from the same functions, order, normalisation and coefficients.
-void check_reference_points(const Molecule& mol, const std::string& path, const char* set_name,
-                            const OrbitalSet& set, std::initializer_list<int> orbitals) {
-    std::ifstream in(path);
-    std::vector<std::string> names;
-    std::vector<std::vector<double>> rows;
-    for (std::string line; std::getline(in, line);) {
-        if (line.empty() || line[0] == '#') continue;
-        std::istringstream ss(line);
-        if (names.empty()) {
-            for (std::string w; ss >> w;) names.push_back(w);
-        } else {
-            rows.emplace_back();
-            for (double d; ss >> d;) rows.back().push_back(d);
-        }
-    }
-    ASSERT_GE(rows.size(), 50u) << path;
+void check_reference_points(const Molecule& mol, const std::string& job, const char* set_name, const OrbitalSet& set,
+                            std::initializer_list<int> orbitals) {
+    const kvx::test::ReferenceTable ref = kvx::test::job_reference(job);
+    ASSERT_GE(ref.rows.size(), 50u) << job;
     for (int k : orbitals) {
         const std::string name = set_name + std::to_string(k) + "_std";
-        const auto col = std::find(names.begin(), names.end(), name) - names.begin();
-        ASSERT_LT(col, static_cast<long>(names.size())) << name;
-        for (const auto& row : rows) {
-            const auto phi = basis_values(mol, row[0], row[1], row[2]);
+        const int col = ref.column(name);
+        ASSERT_GE(col, 0) << name;
+        for (const auto& row : ref.rows) {
+            const auto phi = kvx::test::basis_values(mol, row.data(), kvx::test::Displacement::PointMinusAtom);
             double value = 0;
             for (int i = 0; i < mol.nbasis; ++i) value += set.coef.row(k - 1)[i] * phi[i];
             EXPECT_NEAR(value, row[col], 1e-9) << name << " at " << row[0] << " " << row[1] << " " << row[2];
@@ -110,10 +81,10 @@ TEST(JobLoad, RealJobsMatchTheScfProgram) {
         EXPECT_EQ(mol->restricted, job.restricted) << job.name;
         ASSERT_EQ(mol->beta != nullptr, job.restricted == 0) << job.name;
         EXPECT_EQ(mol->alpha->count, mol->nbasis) << job.name;
-        check_reference_points(*mol, dir + "/reference.txt", "alpha", *mol->alpha, {1, 5, 6});
+        check_reference_points(*mol, job.name, "alpha", *mol->alpha, {1, 5, 6});
         EXPECT_LT(orthonormality_error(*mol->alpha, *mol->overlap), 1e-10) << job.name;
         if (mol->beta) {
-            check_reference_points(*mol, dir + "/reference.txt", "beta", *mol->beta, {1, 4, 5});
+            check_reference_points(*mol, job.name, "beta", *mol->beta, {1, 4, 5});
             EXPECT_LT(orthonormality_error(*mol->beta, *mol->overlap), 1e-10) << job.name;
         }
         EXPECT_NEAR(electron_count(*mol), job.electrons, 1e-8) << job.name;

@@ -1,15 +1,17 @@
 // Binary orbital files (framing, truncation, wide headers, absent energies,
 // hostile counts) and the rejection of out-of-range text orbitals.
+#include "moldata/orbitals.h"
+
 #include <gtest/gtest.h>
 
 #include <string>
 
+#include "common/capture.h"
 #include "job_files.h"
-#include "moldata/orbitals.h"
 
 using namespace kvx::moldata;
-using kvx::testing::OrbitalFile;
-using kvx::testing::TempJob;
+using kvx::test::OrbitalFile;
+using kvx::test::TempJob;
 
 namespace {
 
@@ -75,9 +77,8 @@ TEST(TextOrbitals, OutOfRangeNumbersRejectTheSet) {
                              "$scfmo\n 1 a eigenvalue=1 ncoefs=4\n 1 2 3 4\n$end\n"}) {
         TempJob job;
         job.write(".kvm", text);
-        ::testing::internal::CaptureStdout();
-        EXPECT_FALSE(read_text_orbitals(job.job(), "$scfmo", 3)) << text;
-        const std::string out = ::testing::internal::GetCapturedStdout();
+        const std::string out =
+            kvx::test::captured([&] { EXPECT_FALSE(read_text_orbitals(job.job(), "$scfmo", 3)) << text; });
         EXPECT_NE(out.find(job.path(".kvm")), std::string::npos) << out;
         EXPECT_NE(out.find("$scfmo"), std::string::npos) << out;
     }

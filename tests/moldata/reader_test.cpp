@@ -1,25 +1,22 @@
 // Molecule builder on the hand-made H2 job of tests/data/h2 (multi-file and
 // one-file layouts), the coordinate warnings and the symmetry table.
+#include "moldata/reader.h"
+
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <functional>
 #include <string>
 
+#include "common/capture.h"
 #include "job_files.h"
-#include "moldata/reader.h"
 #include "moldata/symmetry.h"
 
 using namespace kvx::moldata;
-using kvx::testing::TempJob;
+using kvx::test::captured;
+using kvx::test::TempJob;
 
 namespace {
-
-std::string captured(const std::function<void()>& f) {
-    ::testing::internal::CaptureStdout();
-    f();
-    return ::testing::internal::GetCapturedStdout();
-}
 
 // The hand-worked density checksum of tests/data/h2/README.md: three
 // doubles 0.5, low sum 3 * 0xE03F = 0x2A0BD, carry 2 into the high half.
@@ -29,7 +26,7 @@ constexpr std::uint32_t kH2Checksum = 0x0002A0BDu;
 
 TEST(MoleculeBuilder, MultiFileH2GivesTheHandWorkedMolecule) {
     TempJob job;
-    kvx::testing::write_h2(job);
+    kvx::test::write_h2(job);
     std::unique_ptr<Molecule> mol;
     EXPECT_EQ(captured([&] { mol = build_molecule(job.job()).molecule; }), "");
     ASSERT_TRUE(mol && mol->density && mol->overlap && mol->symmetry && mol->flags);
@@ -50,8 +47,8 @@ TEST(MoleculeBuilder, MultiFileH2GivesTheHandWorkedMolecule) {
 // rows, and the density bits (hence the checksum) equal the binary layout's.
 TEST(MoleculeBuilder, FallsBackToTheOneFileLayout) {
     TempJob job;
-    kvx::testing::write_h2(job);
-    job.copy_from(kvx::testing::kH2, {".kvm"});
+    kvx::test::write_h2(job);
+    job.copy_from(kvx::test::kH2, {".kvm"});
     job.write(".control", "$nmol 1\n$nalpha 1\n$end\n");
     auto mol = build_molecule(job.job()).molecule;
     ASSERT_TRUE(mol && mol->alpha && mol->localized);

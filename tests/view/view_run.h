@@ -15,6 +15,8 @@
 #include <vector>
 
 #include "common/command.h"
+#include "common/grid_file.h"
+#include "common/temp_dir.h"
 
 namespace kvx::viewtest {
 
@@ -28,32 +30,23 @@ inline std::string slurp(const fs::path& p) { return test::read_file(p); }
 
 class WaterDir {
 public:
-    WaterDir() {
-        std::string tmpl = (fs::temp_directory_path() / "kvx_view_XXXXXX").string();
-        dir_ = mkdtemp(tmpl.data());
-        for (const std::string ext : {".control", ".coord", ".basis", ".mos"})
-            fs::copy_file(fs::path(KVX_TEST_DATA) / "water" / ("water" + ext), dir_ / ("water" + ext));
-    }
-    ~WaterDir() {
-        std::error_code ec;
-        fs::remove_all(dir_, ec);
-    }
-    WaterDir(const WaterDir&) = delete;
-    WaterDir& operator=(const WaterDir&) = delete;
+    WaterDir() { tmp_.copy_job(KVX_TEST_DATA "/water/water", "water", {".control", ".coord", ".basis", ".mos"}); }
 
-    const fs::path& path() const { return dir_; }
+    const fs::path& path() const { return tmp_.path(); }
     // sh -c command in the directory.
-    Ran run(const std::string& command) const { return test::run_command("cd '" + dir_.string() + "' && " + command); }
+    Ran run(const std::string& command) const {
+        return test::run_command("cd '" + path().string() + "' && " + command);
+    }
     Ran kalvex(const std::string& args) const { return run("'" KVX_BINARY "' water " + args + " </dev/null"); }
     std::vector<std::string> names() const {
         std::vector<std::string> v;
-        for (const auto& e : fs::directory_iterator(dir_)) v.push_back(e.path().filename().string());
+        for (const auto& e : fs::directory_iterator(path())) v.push_back(e.path().filename().string());
         std::sort(v.begin(), v.end());
         return v;
     }
 
 private:
-    fs::path dir_;
+    test::TempDir tmp_;
 };
 
 // Runs of a tool that must be refused: status 1, "TOOL: says" in the
@@ -79,23 +72,7 @@ struct RefAtom {
 inline const RefAtom kWater[3] = {
     {8, 0.13, -0.21, 0.07}, {1, 0.910079146, 1.3657812, 0.50042639}, {1, 0.715346385, -1.363405587, 1.336452487}};
 
-struct GridText {
-    unsigned stamp = 0;
-    double origin[3] = {}, step[3] = {};
-    int n[3] = {};
-    std::vector<double> v;  // as in the file: line ix + nx * (iy + ny * iz)
-    double at(int ix, int iy, int iz) const { return v[static_cast<std::size_t>(ix + n[0] * (iy + n[1] * iz))]; }
-    double coordinate(int axis, int i) const { return origin[axis] + i * step[axis]; }
-};
-
-inline GridText read_grid_text(const fs::path& p) {
-    GridText g;
-    std::ifstream f(p);
-    f >> g.stamp;
-    for (double* x : {g.origin, g.step}) f >> x[0] >> x[1] >> x[2];
-    f >> g.n[0] >> g.n[1] >> g.n[2];
-    for (double x; f >> x;) g.v.push_back(x);
-    return g;
-}
+using test::GridText;
+using test::read_grid_text;
 
 }  // namespace kvx::viewtest
