@@ -1,0 +1,34 @@
+#include "common/parallel.h"
+
+#include <thread>
+#include <vector>
+
+namespace kvx::common {
+
+int thread_count(int numt) {
+    if (numt > 0) return numt;
+    if (numt < 0) return 1;
+    const unsigned cores = std::thread::hardware_concurrency();
+    return cores > 0 ? static_cast<int>(cores) : 1;
+}
+
+void run_shares(int nshares, const std::function<void(int share)>& work) {
+    if (nshares <= 1) {
+        work(0);
+        return;
+    }
+    std::vector<std::thread> threads;
+    threads.reserve(static_cast<std::size_t>(nshares - 1));
+    for (int s = 1; s < nshares; ++s) threads.emplace_back(work, s);
+    work(0);
+    for (std::thread& t : threads) t.join();
+}
+
+void share_range(long n, int nshares, int s, long& first, long& count) {
+    if (nshares < 1) nshares = 1;
+    const long base = n / nshares, extra = n % nshares;
+    first = s * base + (s < extra ? s : extra);
+    count = base + (s < extra ? 1 : 0);
+}
+
+}  // namespace kvx::common
