@@ -73,14 +73,22 @@ Parsed parse_args(int argc, char** argv) {
         const std::string w = argv[i];
         double* target = nullptr;
         bool positive = true;
-        if (w == "-spacing") target = &p.s.spacing;
-        else if (w == "-extent") target = &p.s.extent;
-        else if (w == "-density") target = &p.s.density;
-        else if (w == "-a1") target = &p.s.resp.a1, positive = false;
-        else if (w == "-a2") target = &p.s.resp.a2, positive = false;
-        else if (w == "-b") target = &p.s.resp.b;
-        else if (w == "-thresh") target = &p.s.thresh;
-        else if (w == "-memmax") target = &p.s.memmax;
+        if (w == "-spacing")
+            target = &p.s.spacing;
+        else if (w == "-extent")
+            target = &p.s.extent;
+        else if (w == "-density")
+            target = &p.s.density;
+        else if (w == "-a1")
+            target = &p.s.resp.a1, positive = false;
+        else if (w == "-a2")
+            target = &p.s.resp.a2, positive = false;
+        else if (w == "-b")
+            target = &p.s.resp.b;
+        else if (w == "-thresh")
+            target = &p.s.thresh;
+        else if (w == "-memmax")
+            target = &p.s.memmax;
         if (target) {
             const char* v = value(i, w.c_str());
             if (!v) break;
@@ -121,10 +129,14 @@ Parsed parse_args(int argc, char** argv) {
     p.job = pos[0];
     std::string m = pos[1];
     std::transform(m.begin(), m.end(), m.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    if (m == "chelpg") p.s.model = ChargeModel::kChelpg;
-    else if (m == "mk") p.s.model = ChargeModel::kMerzKollman;
-    else if (m == "resp") p.s.model = ChargeModel::kResp;
-    else p.error = "unknown model " + quoted(pos[1]) + " (chelpg, mk or resp)\n" + kUsage;
+    if (m == "chelpg")
+        p.s.model = ChargeModel::kChelpg;
+    else if (m == "mk")
+        p.s.model = ChargeModel::kMerzKollman;
+    else if (m == "resp")
+        p.s.model = ChargeModel::kResp;
+    else
+        p.error = "unknown model " + quoted(pos[1]) + " (chelpg, mk or resp)\n" + kUsage;
     return p;
 }
 
@@ -167,7 +179,8 @@ std::string charge_points(const std::vector<moldata::Atom>& atoms, const ChargeS
     } else {
         double most = 0.0;
         for (double sc : s.scales)
-            for (double r : radii.angstrom) most = std::max(most, s.density * 4.0 * 3.141592653589793 * sc * sc * r * r);
+            for (double r : radii.angstrom)
+                most = std::max(most, s.density * 4.0 * 3.141592653589793 * sc * sc * r * r);
         if (!(most * static_cast<double>(s.scales.size()) * static_cast<double>(atoms.size()) < 2e8))
             return "too many Merz-Kollman points: lower -density or -scales";
         if (!common::try_alloc([&] {
@@ -176,7 +189,8 @@ std::string charge_points(const std::vector<moldata::Atom>& atoms, const ChargeS
             return "out of memory making the Merz-Kollman points";
     }
     if (points.count() == 0)
-        return "no fitting points: every candidate point lies inside an atom's radius (check -radius, -extent, -scales)";
+        return "no fitting points: every candidate point lies inside an atom's radius (check -radius, -extent, "
+               "-scales)";
     return {};
 }
 
@@ -267,15 +281,17 @@ int run_charges(int argc, char** argv) {
     std::printf("kalvex-charges: %s\n", model_title(s.model));
     std::printf("Job %s: %zu atoms, charge %d\n", p.job.c_str(), atoms.size(), mol->charge);
     if (s.model == ChargeModel::kChelpg) {
-        std::printf("Points: cubic grid of spacing %.4f angstrom over the atoms' box widened by %.4f angstrom; kept "
-                    "outside every atom's radius and within %.4f angstrom of an atom: %ld of %ld\n",
-                    s.spacing, s.extent, s.extent, points.count(), points.candidates);
+        std::printf(
+            "Points: cubic grid of spacing %.4f angstrom over the atoms' box widened by %.4f angstrom; kept "
+            "outside every atom's radius and within %.4f angstrom of an atom: %ld of %ld\n",
+            s.spacing, s.extent, s.extent, points.count(), points.candidates);
     } else {
         std::printf("Points: shells at");
         for (double sc : s.scales) std::printf(" %.4g", sc);
-        std::printf(" times the radius, %.4g points per square angstrom; kept outside the other atoms' shells of "
-                    "the same scale: %ld of %ld\n",
-                    s.density, points.count(), points.candidates);
+        std::printf(
+            " times the radius, %.4g points per square angstrom; kept outside the other atoms' shells of "
+            "the same scale: %ld of %ld\n",
+            s.density, points.count(), points.candidates);
     }
     std::printf("Radii (angstrom):");
     for (std::size_t i = 0; i < atoms.size(); ++i) {
@@ -300,9 +316,10 @@ int run_charges(int argc, char** argv) {
         std::printf("Stage one (a = %g, every charge)\n", s.resp.a1);
         print_fit(" fit", fit.resp.stage1);
         if (fit.resp.has_stage2) {
-            std::printf("Stage two (a = %g): sp3 carbons and their hydrogens refitted, methyl and methylene "
-                        "hydrogens equal, the rest held:",
-                        s.resp.a2);
+            std::printf(
+                "Stage two (a = %g): sp3 carbons and their hydrogens refitted, methyl and methylene "
+                "hydrogens equal, the rest held:",
+                s.resp.a2);
             for (std::size_t i = 0; i < atoms.size(); ++i)
                 if (fit.resp.refit[i] >= 0) std::printf(" %s%zu", atoms[i].symbol.c_str(), i + 1);
             std::printf("\n");

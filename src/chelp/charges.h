@@ -23,7 +23,7 @@ struct ChargeSettings {
     double extent = 2.8;   // CHELPG box margin and farthest distance from an atom
     double density = 6.0;  // MK points per square angstrom (RESP practice; Singh and Kollman used 1)
     std::vector<double> scales{1.4, 1.6, 1.8, 2.0};  // MK shells, multiples of the radius
-    bool dipole = false;   // also hold the charges' dipole at the wavefunction's
+    bool dipole = false;                             // also hold the charges' dipole at the wavefunction's
     std::vector<RadiusOverride> radii;
     RespSettings resp;
     double thresh = 1e-6;   // integral threshold of the potential

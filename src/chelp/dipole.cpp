@@ -63,7 +63,8 @@ std::array<std::vector<double>, 3> dipole_block(const moldata::Shell& A, const m
                     for (int b = 0; b <= mB; ++b) {
                         const double* f = tab[d].row(a, b);
                         double s = 0.0;
-                        for (int j = 0; j <= a + b; j += 2) s += f[j] * std::pow(0.5 / gamma, j / 2) * gauss::dfact(j - 1);
+                        for (int j = 0; j <= a + b; j += 2)
+                            s += f[j] * std::pow(0.5 / gamma, j / 2) * gauss::dfact(j - 1);
                         s1[d][a * w + b] = s;
                     }
             }

@@ -4,8 +4,8 @@
 #include <cmath>
 #include <cstdio>
 
-extern "C" void dgesv_(const int* n, const int* nrhs, double* a, const int* lda, int* ipiv, double* b,
-                       const int* ldb, int* info);
+extern "C" void dgesv_(const int* n, const int* nrhs, double* a, const int* lda, int* ipiv, double* b, const int* ldb,
+                       int* info);
 
 namespace kvx::chelp {
 
@@ -31,12 +31,13 @@ NormalEquations normal_equations(const FitData& data, const std::vector<moldata:
         ne.vv += vk * vk;
     }
     for (int i = 0; i < n; ++i)
-        for (int j = 0; j < i; ++j) ne.A[static_cast<std::size_t>(j) * n + i] = ne.A[static_cast<std::size_t>(i) * n + j];
+        for (int j = 0; j < i; ++j)
+            ne.A[static_cast<std::size_t>(j) * n + i] = ne.A[static_cast<std::size_t>(i) * n + j];
     return ne;
 }
 
-void fit_errors(const FitData& data, const std::vector<moldata::Atom>& atoms, const std::vector<double>& q,
-                double& rms, double& rrms) {
+void fit_errors(const FitData& data, const std::vector<moldata::Atom>& atoms, const std::vector<double>& q, double& rms,
+                double& rrms) {
     double ss = 0.0, vv = 0.0;
     for (long k = 0; k < data.count(); ++k) {
         const double* r = &data.xyz[3 * static_cast<std::size_t>(k)];
@@ -153,8 +154,10 @@ FitResult fit_charges(const NormalEquations& ne, const FitData& data, const std:
         // Column-major for dgesv; the system is symmetric.
         std::fill(M.begin(), M.end(), 0.0);
         for (int v = 0; v < nv; ++v) {
-            for (int w = 0; w < nv; ++w) M[static_cast<std::size_t>(w) * N + v] = Ag[static_cast<std::size_t>(v) * nv + w];
-            if (av[v] > 0.0) M[static_cast<std::size_t>(v) * N + v] += av[v] / std::sqrt(qv[v] * qv[v] + spec.b * spec.b);
+            for (int w = 0; w < nv; ++w)
+                M[static_cast<std::size_t>(w) * N + v] = Ag[static_cast<std::size_t>(v) * nv + w];
+            if (av[v] > 0.0)
+                M[static_cast<std::size_t>(v) * N + v] += av[v] / std::sqrt(qv[v] * qv[v] + spec.b * spec.b);
             rhs[v] = Bg[v];
         }
         for (int d = 0; d < nc; ++d) {

@@ -57,7 +57,7 @@ FitResult fit_charges(const NormalEquations& ne, const FitData& data, const std:
                       const FitSpec& spec);
 
 // RMS and relative RMS of the charges' potential against the data.
-void fit_errors(const FitData& data, const std::vector<moldata::Atom>& atoms, const std::vector<double>& q,
-                double& rms, double& rrms);
+void fit_errors(const FitData& data, const std::vector<moldata::Atom>& atoms, const std::vector<double>& q, double& rms,
+                double& rrms);
 
 }  // namespace kvx::chelp

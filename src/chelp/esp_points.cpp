@@ -14,8 +14,8 @@ namespace {
 // Breneman and Wiberg (1990) radii, angstrom, Z = 1..18: H 1.45, C 1.5, N
 // and O 1.7 from the paper; He 1.45, Li-B 1.5, F-Ne 1.7 and Na-Ar 2.0 as the
 // method is used with them.
-constexpr double kBrenemanWiberg[19] = {0.0, 1.45, 1.45, 1.5, 1.5, 1.5, 1.5, 1.7, 1.7, 1.7, 1.7,
-                                        2.0, 2.0,  2.0,  2.0, 2.0, 2.0, 2.0, 2.0};
+constexpr double kBrenemanWiberg[19] = {0.0, 1.45, 1.45, 1.5, 1.5, 1.5, 1.5, 1.7, 1.7, 1.7,
+                                        1.7, 2.0,  2.0,  2.0, 2.0, 2.0, 2.0, 2.0, 2.0};
 
 struct Tabled {
     int Z;
@@ -68,9 +68,8 @@ AtomRadii atom_radii(const std::vector<moldata::Atom>& atoms, PointModel model,
         if (r <= 0.0) r = bondi_radius(Z), source = "Bondi 1964";
         if (r <= 0.0) {
             char msg[160];
-            std::snprintf(msg, sizeof msg,
-                          "atom %zu (%s) has no %s radius: give one with -radius %s R (angstrom)", i + 1,
-                          atoms[i].symbol.c_str(), chelpg ? "CHELPG" : "Merz-Kollman",
+            std::snprintf(msg, sizeof msg, "atom %zu (%s) has no %s radius: give one with -radius %s R (angstrom)",
+                          i + 1, atoms[i].symbol.c_str(), chelpg ? "CHELPG" : "Merz-Kollman",
                           Z >= 1 && Z < moldata::kNumSymbols ? moldata::element_symbol(Z).c_str() : "SYMBOL");
             out.error = msg;
             return out;

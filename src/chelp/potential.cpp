@@ -47,7 +47,7 @@ bool write_atomically(const std::string& path, const std::vector<double>& xyz, c
     ::fchmod(fd, 0666 & ~mask);
     std::fputs(header.c_str(), f);
     for (std::size_t p = 0; p < v.size(); ++p)
-        std::fprintf(f, "% .11e % .11e % .11e % .11e\n", xyz[3 * p], xyz[3 * p + 1], xyz[3 * p + 2], v[p]);
+        std::fprintf(f, "%.11e %.11e %.11e %.11e\n", xyz[3 * p], xyz[3 * p + 1], xyz[3 * p + 2], v[p]);
     bool ok = std::fflush(f) == 0 && !std::ferror(f);
     ok = std::fclose(f) == 0 && ok;
     if (!ok || std::rename(tmp.c_str(), path.c_str()) != 0) {
@@ -81,8 +81,10 @@ PointList read_point_list(const std::string& path) {
             while (*c && *c != ' ' && *c != '\t' && *c != '\r') ++c;
             const std::string word(start, c);
             double x = 0.0;
-            if (got == 3 || !parse_number(word.c_str(), x)) bad = true;
-            else v[got++] = x;
+            if (got == 3 || !parse_number(word.c_str(), x))
+                bad = true;
+            else
+                v[got++] = x;
         }
         if (got == 0 && !bad) continue;
         if (bad || got != 3) {
@@ -166,8 +168,8 @@ int run_potential(int argc, char** argv) {
     elepot::elepot_cleanup();
 
     const std::string unit = angstrom ? "angstrom" : "bohr";
-    const std::string header = "# kalvex-potential: job " + job + ", points " + points_path + "\n# x y z (" + unit +
-                               ") V (hartree/e)\n";
+    const std::string header =
+        "# kalvex-potential: job " + job + ", points " + points_path + "\n# x y z (" + unit + ") V (hartree/e)\n";
     std::string error;
     if (!write_atomically(out_path, list.xyz, v, header, error)) return fail(error);
     std::printf("Potential file: %s\n", out_path.c_str());

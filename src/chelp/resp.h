@@ -34,9 +34,9 @@ std::vector<std::vector<int>> bonded_neighbours(const std::vector<moldata::Atom>
 std::vector<int> stage_two_groups(const std::vector<moldata::Atom>& atoms);
 
 struct RespResult {
-    FitResult stage1, stage2;       // stage2.q are the RESP charges
-    std::vector<int> refit;         // stage-two group of each atom (-1 held)
-    bool has_stage2 = false;        // false when no atom is refitted
+    FitResult stage1, stage2;  // stage2.q are the RESP charges
+    std::vector<int> refit;    // stage-two group of each atom (-1 held)
+    bool has_stage2 = false;   // false when no atom is refitted
 };
 
 // base carries the total charge and the dipole constraint of both stages.

@@ -1,6 +1,8 @@
 // The ESP fit, the RESP stages and the point sets, apart from the potential
 // code: molecules of point charges (exact answers) and NWChem's own fits on
 // its own points and potential (tests/data/charges).
+#include "chelp/esp_fit.h"
+
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -11,7 +13,6 @@
 #include <string>
 #include <vector>
 
-#include "chelp/esp_fit.h"
 #include "chelp/esp_points.h"
 #include "chelp/resp.h"
 #include "common/reference_table.h"
@@ -74,7 +75,8 @@ struct NwchemFit {
 
 NwchemFit nwchem(const std::string& name) {
     NwchemFit f;
-    const test::ReferenceTable t = test::read_reference_table(std::string(KVX_TEST_DATA) + "/charges/" + name + ".nwgrid");
+    const test::ReferenceTable t =
+        test::read_reference_table(std::string(KVX_TEST_DATA) + "/charges/" + name + ".nwgrid");
     for (const auto& row : t.rows) {
         f.data.xyz.insert(f.data.xyz.end(), row.begin(), row.begin() + 3);
         f.data.v.push_back(row[3]);
@@ -136,14 +138,16 @@ TEST(EspFit, RecoversPointCharges) {
         ASSERT_TRUE(radii.error.empty());
         const PointSet ps = model == PointModel::kChelpg
                                 ? chelpg_points(atoms, bohr(radii), 0.3 * kBohrPerAngstrom, 2.8 * kBohrPerAngstrom)
-                                : merz_kollman_points(atoms, bohr(radii), {1.4, 1.6, 1.8, 2.0}, 1.0 / (kBohrPerAngstrom * kBohrPerAngstrom));
+                                : merz_kollman_points(atoms, bohr(radii), {1.4, 1.6, 1.8, 2.0},
+                                                      1.0 / (kBohrPerAngstrom * kBohrPerAngstrom));
         const FitData data = point_charge_data(atoms, q, ps.xyz);
         const NormalEquations ne = normal_equations(data, atoms);
 
         FitSpec plain, dip, grouped, zero;
         dip.dipole = true;
         for (std::size_t i = 0; i < atoms.size(); ++i)
-            for (int d = 0; d < 3; ++d) dip.dipole_target[d] += q[i] * (d == 0 ? atoms[i].x : d == 1 ? atoms[i].y : atoms[i].z);
+            for (int d = 0; d < 3; ++d)
+                dip.dipole_target[d] += q[i] * (d == 0 ? atoms[i].x : d == 1 ? atoms[i].y : atoms[i].z);
         grouped.group = {-1, 0, 1, 2, 2, -1};  // the two hydrogens of charge 0.11 share one
         grouped.fixed = q;
         zero.a.assign(atoms.size(), 0.0);
