@@ -84,6 +84,35 @@ Groups make_groups(const FitSpec& spec, int n) {
     return g;
 }
 
+// Orthonormalises the constraint rows C (nc x nv) and their values c in
+// place (Gram-Schmidt), dropping a row that depends on the earlier ones: a
+// dipole component the atoms cannot carry (perpendicular to a planar
+// molecule, across a linear one), which holds by itself. Returns the rows kept.
+int independent_constraints(std::vector<double>& C, std::vector<double>& c, int nv, int nc) {
+    int kept = 0;
+    for (int d = 0; d < nc; ++d) {
+        double* row = &C[static_cast<std::size_t>(d) * nv];
+        double norm0 = 0.0;
+        for (int v = 0; v < nv; ++v) norm0 += row[v] * row[v];
+        double value = c[d];
+        for (int e = 0; e < kept; ++e) {
+            const double* u = &C[static_cast<std::size_t>(e) * nv];
+            double dot = 0.0;
+            for (int v = 0; v < nv; ++v) dot += u[v] * row[v];
+            for (int v = 0; v < nv; ++v) row[v] -= dot * u[v];
+            value -= dot * c[e];
+        }
+        double norm = 0.0;
+        for (int v = 0; v < nv; ++v) norm += row[v] * row[v];
+        if (!(norm > 1e-20 * std::max(norm0, 1.0))) continue;
+        norm = std::sqrt(norm);
+        double* dst = &C[static_cast<std::size_t>(kept) * nv];
+        for (int v = 0; v < nv; ++v) dst[v] = row[v] / norm;
+        c[kept++] = value / norm;
+    }
+    return kept;
+}
+
 }  // namespace
 
 FitResult fit_charges(const NormalEquations& ne, const FitData& data, const std::vector<moldata::Atom>& atoms,
@@ -122,7 +151,7 @@ FitResult fit_charges(const NormalEquations& ne, const FitData& data, const std:
         }
     }
     // Constraint rows: total charge, then the dipole components.
-    const int nc = spec.dipole ? 4 : 1;
+    int nc = spec.dipole ? 4 : 1;
     std::vector<double> C(static_cast<std::size_t>(nc) * nv, 0.0), c(static_cast<std::size_t>(nc), 0.0);
     c[0] = spec.total_charge;
     for (int d = 1; d < nc; ++d) c[d] = spec.dipole_target[d - 1];
@@ -137,6 +166,7 @@ FitResult fit_charges(const NormalEquations& ne, const FitData& data, const std:
             for (int d = 1; d < nc; ++d) C[static_cast<std::size_t>(d) * nv + v] += R[d - 1];
         }
     }
+    nc = independent_constraints(C, c, nv, nc);
     // Restraint weight of each variable: the sum over its atoms.
     std::vector<double> av(static_cast<std::size_t>(nv), 0.0);
     bool restrained = false;
