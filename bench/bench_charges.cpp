@@ -1,5 +1,5 @@
 // Wall-clock benchmark of kalvex-charges' three models on a molecule of 22
-// atoms (N-acetylalanine N-methylamide, RHF/6-31G*, 200 basis functions,
+// atoms (N-acetylalanine N-methylamide, RHF/6-31G*, 174 basis functions,
 // tests/data/charges/dipeptide.molden): the time of each step, points,
 // potential and fit, best of the repeats.
 //
