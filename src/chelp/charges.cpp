@@ -1,6 +1,7 @@
 #include "chelp/charges.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -106,7 +107,9 @@ Parsed parse_args(int argc, char** argv) {
             if (!v) break;
             RadiusOverride o;
             o.Z = moldata::atomic_number(sym);
-            if (o.Z <= 0 || moldata::element_symbol(o.Z) != sym)
+            std::string lower = sym;
+            for (char& ch : lower) ch = static_cast<char>(std::tolower(static_cast<unsigned char>(ch)));
+            if (o.Z <= 0 || lower != moldata::kElementSymbols[o.Z])
                 p.error = "-radius: " + quoted(sym) + " is not an element symbol";
             else if (!parse_number(v, o.angstrom) || !(o.angstrom > 0.0))
                 p.error = "-radius " + std::string(sym) + " takes a positive number (angstrom), not " + quoted(v);
@@ -169,9 +172,23 @@ std::string charge_points(const std::vector<moldata::Atom>& atoms, const ChargeS
     std::vector<double> bohr(radii.angstrom.size());
     for (std::size_t i = 0; i < bohr.size(); ++i) bohr[i] = radii.angstrom[i] * kBohrPerAngstrom;
     if (chelpg) {
-        const double span = 2.0 * s.extent / s.spacing;
         // The lattice grows as the cube of the box over the spacing.
-        if (!(span < 2000.0)) return "the CHELPG lattice of spacing -spacing over the box is too fine";
+        double lattice = 1.0;
+        for (int d = 0; d < 3; ++d) {
+            double lo = 1e300, hi = -1e300;
+            for (const moldata::Atom& a : atoms) {
+                const double c = d == 0 ? a.x : d == 1 ? a.y : a.z;
+                lo = std::min(lo, c), hi = std::max(hi, c);
+            }
+            lattice *= (hi - lo) / (s.spacing * kBohrPerAngstrom) + 2.0 * s.extent / s.spacing + 1.0;
+        }
+        if (!(lattice < 1e9)) {
+            char msg[160];
+            std::snprintf(msg, sizeof msg,
+                          "the CHELPG lattice would have %.3g points (more than 1e9): raise -spacing or lower -extent",
+                          lattice);
+            return msg;
+        }
         if (!common::try_alloc([&] {
                 points = chelpg_points(atoms, bohr, s.spacing * kBohrPerAngstrom, s.extent * kBohrPerAngstrom);
             }))

@@ -283,8 +283,9 @@ TEST(ChargesTool, RefusesBadInput) {
         {"mk -scales 1.4,,2", "-scales takes positive numbers separated by commas"},
         {"mk -radius Qq 1.2", "-radius: \"Qq\" is not an element symbol"},
         {"resp -a1", "-a1 needs a value"},
-        // Radii beyond the extent leave no point.
-        {"chelpg -radius O 3 -radius H 3", "no fitting points"},
+        {"chelpg -spacing 0.0001", "the CHELPG lattice would have"},
+        // Radii beyond the extent leave no point (symbols in either case).
+        {"chelpg -radius o 3 -radius H 3", "no fitting points"},
     };
     for (const Bad& b : bad) {
         const Report r = charges(job, b.args);

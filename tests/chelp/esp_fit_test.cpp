@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "chelp/charges.h"
 #include "chelp/esp_points.h"
 #include "chelp/resp.h"
 #include "common/reference_table.h"
@@ -310,6 +311,19 @@ TEST(EspFit, RefusesWhatCannotBeFitted) {
     const FitData two = point_charge_data(atoms, {0.5, 0.0, -0.5}, {3, 1, 0, -2, 2, 1});
     EXPECT_EQ(fit_charges(normal_equations(two, atoms), two, atoms, FitSpec{}).error,
               "singular system: 2 points for 3 charges");
+}
+
+// Symmetry-equivalent atoms get the mean of their charges, as -chelp gives
+// them: water with the two hydrogens mapped onto each other.
+TEST(EspFit, SymmetryEquivalentAtomsShareTheirMean) {
+    moldata::Molecule mol;
+    mol.atoms = {atom(8, 0, 0, 0), atom(1, 1, 0, 1), atom(1, -1, 0, 1)};
+    mol.natoms = 3;
+    mol.symmetry = std::make_unique<moldata::SymmetryInfo>();
+    *mol.symmetry = {.ntrans = 2, .nunique = 2, .n = 3, .unique = {1, 2, 0}, .images = {1, 1, 2, 3, 3, 2}};
+    std::vector<double> q = {-0.75, 0.5, 0.25};
+    average_equivalent(mol, 3, q);
+    EXPECT_EQ(q, (std::vector<double>{-0.75, 0.375, 0.375}));
 }
 
 }  // namespace
