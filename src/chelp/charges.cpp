@@ -1,5 +1,7 @@
 #include "chelp/charges.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cctype>
 #include <cmath>
@@ -220,9 +222,20 @@ std::string charge_potential(const moldata::Molecule& mol, const PointSet& point
         return "cannot set up the potential (-memmax too small for one integral block, or a shell the potential "
                "code cannot integrate)";
     }
-    elepot::comp_elepot(data.v.data(), &mol);
+    {
+        // The report is standard output; the potential's progress lines go
+        // to standard error meanwhile.
+        std::fflush(stdout);
+        const int saved = ::dup(1);
+        if (saved >= 0) ::dup2(2, 1);
+        elepot::comp_elepot(data.v.data(), &mol);
+        std::fflush(stdout);
+        if (saved >= 0) {
+            ::dup2(saved, 1);
+            ::close(saved);
+        }
+    }
     elepot::elepot_cleanup();
-    std::fflush(stdout);
     return {};
 }
 
