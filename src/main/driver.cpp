@@ -21,6 +21,7 @@
 #include "main/input.h"
 #include "main/output.h"
 #include "main/select.h"
+#include "moldata/lattice.h"
 #include "moldata/property_words.h"
 #include "moldata/reader.h"
 
@@ -285,19 +286,12 @@ void execute(RunState& st, Request& rq) {
 
 // Default box: the atoms' bounding box plus 5.7 bohr on every side.
 void set_default_box(const Molecule& mol) {
-    double lo[3] = {1e10, 1e10, 1e10}, hi[3] = {-1e10, -1e10, -1e10};
-    for (const auto& a : mol.atoms) {
-        const double r[3] = {a.x, a.y, a.z};
-        for (int d = 0; d < 3; ++d) {
-            if (r[d] < lo[d]) lo[d] = r[d];
-            if (r[d] > hi[d]) hi[d] = r[d];
-        }
-    }
+    const moldata::Box box = moldata::default_box(mol.atoms);
     const char* s[3] = {"-xs", "-ys", "-zs"};
     const char* l[3] = {"-xl", "-yl", "-zl"};
     for (int d = 0; d < 3; ++d) {
-        find_option(s[d])->dval = lo[d] - 5.7;
-        find_option(l[d])->dval = (hi[d] + 5.7) - (lo[d] - 5.7);
+        find_option(s[d])->dval = box.start[d];
+        find_option(l[d])->dval = box.length[d];
     }
 }
 
