@@ -87,9 +87,8 @@ std::vector<double> accuracies() {
 
 }  // namespace
 
-StampFit check_job_stamp(const PropertyFile& pf, const std::string& word, const std::vector<moldata::Atom>& atoms,
+StampFit check_job_stamp(const PropertyFile& pf, const std::vector<moldata::Atom>& atoms,
                          std::uint32_t density_checksum) {
-    (void)word;  // -moacc and -thresh take the same values
     if (density_checksum == 0 || atoms.empty()) return StampFit::kUnchecked;
     const moldata::Box box = moldata::default_box(atoms);
     std::vector<BoxAxis> axis[3];

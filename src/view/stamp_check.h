@@ -10,7 +10,6 @@
 #pragma once
 
 #include <cstdint>
-#include <string>
 #include <vector>
 
 #include "moldata/molecule.h"
@@ -24,8 +23,9 @@ enum class StampFit {
     kUnchecked,  // the job has no density checksum: its stamps carry a process id
 };
 
-// word: the file word of the property ("ep" takes -thresh, all others -moacc).
-StampFit check_job_stamp(const PropertyFile& pf, const std::string& word, const std::vector<moldata::Atom>& atoms,
+// The accuracy is -thresh for the potential and -moacc for the others; both
+// take the same values.
+StampFit check_job_stamp(const PropertyFile& pf, const std::vector<moldata::Atom>& atoms,
                          std::uint32_t density_checksum);
 
 }  // namespace kvx::view

@@ -33,8 +33,7 @@ bool read_job(const std::string& job, JobView& out, std::string& error) {
 
 std::string foreign_file_message(const std::string& file, const PropertyFile& pf, const std::string& job,
                                  const JobView& jv) {
-    const PropertyName name = property_name_of(file);
-    if (check_job_stamp(pf, name.word, jv.atoms, jv.density_checksum) != StampFit::kOtherJob) return "";
+    if (check_job_stamp(pf, jv.atoms, jv.density_checksum) != StampFit::kOtherJob) return "";
     return file + " belongs to another job, not to " + job + ": its stamp " + std::to_string(pf.stamp) +
            " fits no grid Kalvex builds for " + job + " (density checksum " + std::to_string(jv.density_checksum) +
            "); --any-job uses it anyway";

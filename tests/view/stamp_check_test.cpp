@@ -43,7 +43,7 @@ protected:
         std::string error;
         EXPECT_TRUE(view::read_property_file((d.path() / file).string(), view::ValueOrder::kXFastest, pf, error))
             << error;
-        return view::check_job_stamp(pf, view::property_name_of(file).word, jv.atoms, jv.density_checksum);
+        return view::check_job_stamp(pf, jv.atoms, jv.density_checksum);
     }
 };
 
