@@ -29,8 +29,9 @@ grep -q -- '--no-build' "$tmp/readme.sh" || {
 cd "$tmp/kalvex"
 status=0
 PATH="/usr/local/bin:/usr/bin:/bin" bash -e -o pipefail -x "$tmp/readme.sh" >"$tmp/out.txt" 2>"$tmp/err.txt" || status=$?
-# bash -x traces each command on standard error with a "+ " prefix.
-grep -v '^+' "$tmp/err.txt" >"$tmp/said.txt" || true
+# bash -x traces each command on standard error with a "+ " prefix; the
+# charge tools' progress lines go there too.
+grep -v -E '^\+|^Computing Electrostatic Potential:$|^ [0-9]+%$|^ DONE$' "$tmp/err.txt" >"$tmp/said.txt" || true
 if [ "$status" -ne 0 ] || [ -s "$tmp/said.txt" ]; then
     echo "readme_commands: a README command failed (status $status) or wrote to standard error:" >&2
     tail -n 20 "$tmp/err.txt" >&2

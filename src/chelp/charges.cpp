@@ -10,6 +10,7 @@
 
 #include "chelp/dipole.h"
 #include "chelp/tool_args.h"
+#include "common/version.h"
 #include "common/fatal.h"
 #include "elepot/elepot.h"
 #include "moldata/reader.h"
@@ -288,6 +289,14 @@ void average_equivalent(const moldata::Molecule& mol, int natoms, std::vector<do
 }
 
 int run_charges(int argc, char** argv) {
+    if (argc == 2 && (std::strcmp(argv[1], "--version") == 0 || std::strcmp(argv[1], "--help") == 0 ||
+                      std::strcmp(argv[1], "-h") == 0)) {
+        if (argv[1][2] == 'v')
+            std::printf("%s\n", common::version_line("kalvex-charges").c_str());
+        else
+            std::printf("%s\n", kUsage);
+        return 0;
+    }
     const Parsed p = parse_args(argc, argv);
     if (!p.error.empty()) return fail(p.error);
     const ChargeSettings& s = p.s;

@@ -11,6 +11,7 @@
 
 #include "chelp/esp_points.h"
 #include "chelp/tool_args.h"
+#include "common/version.h"
 #include "common/fatal.h"
 #include "elepot/elepot.h"
 #include "moldata/reader.h"
@@ -108,6 +109,14 @@ PointList read_point_list(const std::string& path) {
 }
 
 int run_potential(int argc, char** argv) {
+    if (argc == 2 && (std::strcmp(argv[1], "--version") == 0 || std::strcmp(argv[1], "--help") == 0 ||
+                      std::strcmp(argv[1], "-h") == 0)) {
+        if (argv[1][2] == 'v')
+            std::printf("%s\n", common::version_line("kalvex-potential").c_str());
+        else
+            std::printf("%s\n", kUsage);
+        return 0;
+    }
     std::vector<std::string> pos;
     bool angstrom = false;
     double thresh = 1e-6, memmax = 400.0;

@@ -181,7 +181,8 @@ TEST(KalvexInfo, UnreadableJobAndUsage) {
     const test::SplitResult bare = test::run_split("'" KVX_BIN_DIR "/kalvex-info'");
     EXPECT_EQ(bare.status, 1);
     EXPECT_EQ(bare.err, "usage: kalvex-info JOB [--all]\n");
-    for (const char* tool : {"kalvex-info", "kalvex-import", "kalvex-cube", "kalvex-slice"}) {
+    for (const char* tool :
+         {"kalvex-info", "kalvex-import", "kalvex-cube", "kalvex-slice", "kalvex-potential", "kalvex-charges"}) {
         const test::SplitResult v = test::run_split(std::string("'" KVX_BIN_DIR "/") + tool + "' --version");
         EXPECT_EQ(v.out, std::string(tool) + " (Kalvex version 1.2-18-win)\n");
         EXPECT_EQ(v.status, 0) << tool;
