@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "common/fatal.h"
+#include "common/parallel.h"
 #include "grid/grid.h"
 
 extern "C" void dgesv_(const int* n, const int* nrhs, double* a, const int* lda, int* ipiv, double* b,
@@ -213,31 +214,42 @@ const char* select_points(const grid::PropertyGrid& pot, FitPoints& pts) {
 //   A(b, a) = sum_k w_k / (|r_k - R_a| |r_k - R_b|),  B(a) = sum_k w_k V_k / |r_k - R_a|,
 // with a row of ones and a column of halves for the total charge. Null on
 // success, else the report's message.
-const char* build_system(const FitPoints& pts, std::vector<double>& a, std::vector<double>& b) {
+const char* build_system(const FitPoints& pts, std::vector<double>& a, std::vector<double>& b, int nthreads) {
     const int natoms = state.natoms;
     const moldata::Atom* atoms = state.atoms;
     const std::size_t nn = static_cast<std::size_t>(natoms) + 1;
-    std::vector<double> w, invd;
+    const int nshares = std::max(1, std::min(nthreads, natoms));
+    std::vector<double> w;
+    std::vector<std::vector<double>> invd(static_cast<std::size_t>(nshares));
     if (!common::try_alloc([&] { w.assign(static_cast<std::size_t>(pts.n), 1.0); }))
         return "Chelp chelpg: cannot allocate w\n";
     if (!common::try_alloc([&] {
             a.assign(nn * nn, 0.0);
-            invd.resize(static_cast<std::size_t>(natoms));
+            for (auto& d : invd) d.resize(static_cast<std::size_t>(natoms));
         }))
         return "Chelp chelpg: cannot allocate a\n";
     if (!common::try_alloc([&] { b.assign(nn, 0.0); })) return "Chelp chelpg: cannot allocate b\n";
-    for (int k = 0; k < pts.n; ++k) {
-        const double* r = &pts.rp[3 * static_cast<std::size_t>(k)];
-        for (int i = 0; i < natoms; ++i) invd[i] = 1.0 / distance(r, atoms[i]);
-        const double wk = w[k];
-        const double wv = wk * pts.vp[k];
-        for (int i = 0; i < natoms; ++i) {
-            double* col = &a[static_cast<std::size_t>(i) * nn];
-            const double wi = wk * invd[i];
-            for (int j = 0; j < natoms; ++j) col[j] += wi * invd[j];
-            b[i] += wv * invd[i];
+    // Threads take whole columns of A (and their rows of B) and every point in
+    // order, so each element adds its terms in point order whatever the
+    // thread count: the same bits as one thread. Dividing the points instead
+    // would need partial sums added in another order.
+    common::run_shares(nshares, [&](int share) {
+        long first = 0, count = 0;
+        common::share_range(natoms, nshares, share, first, count);
+        double* d = invd[static_cast<std::size_t>(share)].data();
+        for (int k = 0; k < pts.n; ++k) {
+            const double* r = &pts.rp[3 * static_cast<std::size_t>(k)];
+            for (int i = 0; i < natoms; ++i) d[i] = 1.0 / distance(r, atoms[i]);
+            const double wk = w[k];
+            const double wv = wk * pts.vp[k];
+            for (long i = first; i < first + count; ++i) {
+                double* col = &a[static_cast<std::size_t>(i) * nn];
+                const double wi = wk * d[i];
+                for (int j = 0; j < natoms; ++j) col[j] += wi * d[j];
+                b[i] += wv * d[i];
+            }
         }
-    }
+    });
     // The Lagrange multiplier is carried as half its value, so A is not
     // symmetric: intended.
     for (int i = 0; i < natoms; ++i) {
@@ -288,7 +300,7 @@ void write_report(std::FILE* fp, const std::vector<double>& q, double rms, doubl
 
 }  // namespace
 
-void chelpg(const grid::PropertyGrid* pot, const char* jobname) {
+void chelpg(const grid::PropertyGrid* pot, const char* jobname, int nthreads) {
     std::FILE* fp = nullptr;
     if (jobname) {
         const std::string path = std::string(jobname) + ".chelp";
@@ -308,7 +320,7 @@ void chelpg(const grid::PropertyGrid* pot, const char* jobname) {
     std::fprintf(fp, "\nUsed %d out of %d points\n", pts.n, static_cast<int>(pot->grid->total));
 
     std::vector<double> a, b;
-    if (const char* msg = build_system(pts, a, b)) return fail(fp, msg);
+    if (const char* msg = build_system(pts, a, b, nthreads)) return fail(fp, msg);
     std::vector<int> ipiv;
     if (!common::try_alloc([&] { ipiv.resize(b.size()); })) return fail(fp, "Chelp chelpg: cannot allocate ipiv\n");
     const int n = state.natoms + 1, nrhs = 1;

@@ -36,7 +36,8 @@ std::vector<unsigned char> chelp_point_mask(const grid::Grid* grid);
 
 // Fit and report, written to "<jobname>.chelp". Ends the process (status 0)
 // only when that file cannot be opened; every other failure is reported in
-// the file.
-void chelpg(const grid::PropertyGrid* pot, const char* jobname);
+// the file. The fit's matrix is built on nthreads threads, with the same bits
+// for every count.
+void chelpg(const grid::PropertyGrid* pot, const char* jobname, int nthreads = 1);
 
 }  // namespace kvx::chelp

@@ -13,6 +13,7 @@
 
 #include "chelp/chelp.h"
 #include "common/fatal.h"
+#include "common/parallel.h"
 #include "common/version.h"
 #include "elepot/elepot.h"
 #include "grid/density.h"
@@ -234,7 +235,7 @@ void run_chelp(RunState& st) {
         // the nuclear term.
         const std::vector<unsigned char> admit = chelp::chelp_point_mask(st.grid.get());
         elepot::comp_elepot(st.potgrid->values.data(), st.mol.get(), admit.empty() ? nullptr : admit.data());
-        if (!abort_flag) chelp::chelpg(st.potgrid.get(), st.jobname.c_str());
+        if (!abort_flag) chelp::chelpg(st.potgrid.get(), st.jobname.c_str(), common::thread_count(opt_i("-numt")));
     }
     abort_flag = 0;
     chelp::chelp_release();

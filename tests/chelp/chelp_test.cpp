@@ -53,10 +53,10 @@ struct Lattice {
 };
 
 // Runs the fit (or only the report when mol is null) and returns the report.
-std::string fit(const moldata::Molecule* mol, const grid::PropertyGrid* pot, double thresh = 1e-7) {
+std::string fit(const moldata::Molecule* mol, const grid::PropertyGrid* pot, double thresh = 1e-7, int nthreads = 1) {
     EXPECT_EQ(mol ? chelp_setup(mol, thresh) : 1, 1);
     const test::TempDir dir;
-    chelpg(pot, dir.file("job").c_str());
+    chelpg(pot, dir.file("job").c_str(), nthreads);
     chelp_release();
     return test::read_file(dir.file("job.chelp"));
 }
@@ -92,6 +92,22 @@ TEST(ChelpFit, RecoversPointChargesTheirSumAndDipole) {
         for (int c = 0; c < 3; ++c) EXPECT_NEAR(v.at(8 + c), mu[c] / kDebye, kPrinted);
         EXPECT_NEAR(v.at(11), std::hypot(mu[0], mu[1], mu[2]) / kDebye, kPrinted);
     }
+}
+
+// Charges off the atoms and a constant shift leave a residual in every
+// printed digit; each thread count must print the same report.
+TEST(ChelpFit, SameReportForEveryThreadCount) {
+    const std::vector<Charge> at = {{"C", 6, 0.0, 0.0, 0.0, 0.0},
+                                    {"O", 8, 2.28, 0.0, 0.0, 0.0},
+                                    {"H", 1, -1.0, 1.8, 0.3, 0.0},
+                                    {"H", 1, -1.0, -1.8, 0.3, 0.0}};
+    const std::vector<Charge> sources = {
+        {"X", 0, 0.3, 0.2, 0.1, 0.37}, {"X", 0, 2.0, -0.4, 0.2, -0.52}, {"X", 0, -0.7, 1.1, -0.3, 0.11}};
+    const Lattice l(3, {0.4, 0.1, 0.1}, 7.0, 21, sources, 0.003);
+    const auto mol = molecule(at, 0);
+    const std::string one = fit(mol.get(), l.pot.get());
+    EXPECT_GT(numbers(one).at(2), 1e-5);  // a real residual
+    for (int nthreads : {2, 3, 7}) EXPECT_EQ(fit(mol.get(), l.pot.get(), 1e-7, nthreads), one) << nthreads;
 }
 
 // One H on a line of 21 points, x = -4 .. 6 step 0.5, the atom at x = 1. The
