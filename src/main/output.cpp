@@ -11,6 +11,7 @@
 #include <cstring>
 #include <vector>
 
+#include "common/input_file.h"
 #include "moldata/checksum.h"
 
 namespace kvx::main {
@@ -102,9 +103,8 @@ std::string name_file(const char* base, const char* dir, const moldata::Property
 }
 
 bool file_exists(const std::string& name, uint32_t expected) {
-    struct stat st;
-    if (::stat(name.c_str(), &st) != 0) return false;
-    std::FILE* f = std::fopen(name.c_str(), "r");
+    // Only a regular file counts: a FIFO in its place would block the open.
+    std::FILE* f = common::open_bounded(name, 64);
     if (!f) return false;
     unsigned value = 0;
     const bool ok = std::fscanf(f, "%u", &value) == 1;

@@ -3,10 +3,19 @@
 #include <cctype>
 #include <climits>
 
+#include "common/input_file.h"
+
 namespace kvx::moldata {
 
 File open_read(const std::string& path, bool binary) {
-    return File(std::fopen(path.c_str(), binary ? "rb" : "r"));
+    bool cut = false;
+    File f(common::open_bounded(path, binary ? common::kNoLimit : kTextFileLimit, nullptr, &cut));
+    if (f && cut) {
+        std::printf("Moldata open_read: %s is longer than %d MiB; the rest is not read\n", path.c_str(),
+                    static_cast<int>(kTextFileLimit >> 20));
+        std::fflush(stdout);
+    }
+    return f;
 }
 
 long remaining_bytes(std::FILE* f) {

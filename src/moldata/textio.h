@@ -1,6 +1,7 @@
 // Small text and file helpers shared by the job-file readers.
 #pragma once
 
+#include <cstdint>
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -14,7 +15,14 @@ struct FileCloser {
 };
 using File = std::unique_ptr<std::FILE, FileCloser>;
 
-// Null when the file cannot be opened (an absent file counts as absent data).
+// Longest text job file read; the rest of a longer one is not read (with a
+// message), so that no keyword scan runs for ever.
+inline constexpr std::uint64_t kTextFileLimit = std::uint64_t{1} << 30;
+
+// The job file as a stream that ends where the file ended when opened (text
+// files: at kTextFileLimit at most). Null when the file cannot be opened or
+// is not a regular file: an absent file, a FIFO, a device or a folder count
+// as absent data.
 File open_read(const std::string& path, bool binary = false);
 
 // Bytes from the current position to the end of the file; 0 when unknown.
