@@ -8,6 +8,8 @@
 #include <memory>
 
 #include "common/fatal.h"
+#include "common/memory.h"
+#include "gauss/spherical.h"
 #include "moldata/symbols.h"
 #include "moldata/textio.h"
 
@@ -39,7 +41,36 @@ bool check_size(long long nfunc, std::string& why) {
     return false;
 }
 
+// The whole check of a basis read: function cap, then memory.
+bool check_basis(const std::vector<Shell>& shells, long long nfunc, bool restricted, std::string& why) {
+    return check_size(nfunc, why) && basis_fits_memory(shells, nfunc, restricted, common::usable_memory_bytes(), why);
+}
+
 }  // namespace
+
+std::uint64_t basis_matrix_bytes(const std::vector<Shell>& shells, long long nbasis, bool restricted) {
+    const std::uint64_t n = nbasis > 0 ? static_cast<std::uint64_t>(nbasis) : 0;
+    const std::uint64_t triangle = n * (n + 1) / 2 * sizeof(double);
+    // Overlap, alpha and total density, and beta density when unrestricted.
+    std::uint64_t bytes = (restricted ? 3 : 4) * triangle;
+    // The overlap's largest shell-pair block, a shell's cartesian components
+    // times its contractions squared.
+    std::uint64_t widest = 0;
+    for (const Shell& s : shells)
+        widest = std::max<std::uint64_t>(
+            widest, static_cast<std::uint64_t>(gauss::block_cart_count(s.type)) * (s.type == 3 ? 1 : s.ngc));
+    return bytes + widest * widest * sizeof(double);
+}
+
+bool basis_fits_memory(const std::vector<Shell>& shells, long long nbasis, bool restricted, std::uint64_t usable,
+                       std::string& why) {
+    const std::uint64_t need = basis_matrix_bytes(shells, nbasis, restricted);
+    if (need <= usable) return true;
+    why = std::to_string(nbasis) + " basis functions need " + common::memory_text(need) +
+          " for the overlap and density matrices, more than the " + common::memory_text(usable) +
+          " this process can use";
+    return false;
+}
 
 int shell_type_of_label(std::string_view label) {
     for (int t = 1; t < gauss::kNumShellTypes; ++t)
@@ -120,6 +151,13 @@ bool make_shell(int type, int nprim, std::vector<double> data, std::string_view 
     const int row = type == 3 ? 3 : ngc + 1;
     if (ngc < 1 || static_cast<long long>(row) * nprim > ndata) {
         why = "shell with " + std::to_string(nprim) + " primitives and only " + std::to_string(ndata) + " numbers";
+        return false;
+    }
+    // Contractions are combinations of the shell's primitives: more of them
+    // than primitives cannot be independent functions.
+    if (ngc > nprim) {
+        why = "shell with " + std::to_string(ngc) + " contractions of " + std::to_string(nprim) +
+              " primitive(s), more than its primitives can make independent";
         return false;
     }
     normalise_shell_data(type, nprim, ngc, data);
@@ -227,7 +265,7 @@ JobError read_basis(Molecule& mol, const std::string& path) {
     }
     if (error) return error;
     const long long nfunc = counter - 1;
-    if (ok) ok = check_size(nfunc, why);
+    if (ok) ok = check_basis(shells, nfunc, mol.restricted, why);
     if (ok && nfunc != mol.nbasis) {
         why = "the shells give " + std::to_string(nfunc) + " functions, $nbasis is " + std::to_string(mol.nbasis);
         ok = false;
@@ -357,7 +395,7 @@ JobError read_onefile_basis(Molecule& mol, const std::string& path) {
                             why, error);
     }
     if (error) return error;
-    if (ok) ok = check_size(counter - 1, why);
+    if (ok) ok = check_basis(shells, counter - 1, mol.restricted, why);
     if (!ok) {
         report("read_onefile_basis", path, why);
         return {};

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "common/memory.h"
 #include "moldata/textio.h"
 
 namespace kvx::moldata {
@@ -37,6 +38,17 @@ std::unique_ptr<OrbitalSet> read_binary_orbitals(const std::string& path, int nb
     const long avail = remaining_bytes(f);
     const std::size_t fit = avail > 4 ? (static_cast<std::size_t>(avail) - 4) / row_bytes : 0;
     const int rows = static_cast<std::size_t>(norb) <= fit ? norb : static_cast<int>(fit);
+    // A large (perhaps sparse) file is no reason to take more memory than
+    // the process can have: such a set is not read, as if it failed to fit.
+    const std::uint64_t bytes = static_cast<std::uint64_t>(rows) * row_bytes;
+    if (bytes > common::usable_memory_bytes()) {
+        std::printf("Moldata read_binary_orbitals: %s: %d orbitals of %d functions need %s, more than the %s this "
+                    "process can use; not read\n",
+                    path.c_str(), rows, nbasis, common::memory_text(bytes).c_str(),
+                    common::memory_text(common::usable_memory_bytes()).c_str());
+        std::fflush(stdout);
+        return nullptr;
+    }
 
     auto set = std::make_unique<OrbitalSet>();
     auto coef = rowmat_alloc(rows, nbasis);

@@ -1,5 +1,7 @@
-// Job files made to hurt: pipes and endless devices in the place of files.
-// kalvex runs as a child process under a time limit, its cost measured.
+// Job files made to hurt: a basis of a kilobyte announcing gigabytes of
+// matrices, pipes and endless devices in the place of files, orbital files
+// of gigabytes. kalvex runs as a child process under a time limit, its cost
+// measured.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -17,13 +19,76 @@ using kvx::test::TempJob;
 
 namespace {
 
+const std::string kWater = KVX_TEST_DATA "/water/water";
+
 ChildRun kalvex(const TempJob& job, std::vector<std::string> words, ChildOptions opt = {}) {
     std::vector<std::string> argv = {KVX_BINARY, job.job()};
     argv.insert(argv.end(), words.begin(), words.end());
     return run_child(argv, opt);
 }
 
+// One atom carrying an i28 shell of one primitive and `columns` contraction
+// columns: 28 functions a column from two characters a column.
+std::string wide_contraction_basis(int columns) {
+    std::string b = "$nbasis " + std::to_string(28 * columns) + "\n$nshell 1\n$nprim 1\n$basis\nfor H\ni28 1.0";
+    for (int c = 0; c < columns; ++c) b += " 1";
+    return b + "\n$end\n";
+}
+
 }  // namespace
+
+// 1.5 KB announcing 19,572 functions: 1.5 GB of overlap matrix and a 3 GB
+// shell-pair block. The basis is rejected, naming the file, before any of it
+// is allocated. The address-space limit makes the old behaviour fail fast
+// instead of taking the machine's memory.
+TEST(HostileJob, KilobyteBasisIsRejectedBeforeItsMatricesAreAllocated) {
+    TempJob job;
+    job.write(".control", "$natoms 1\n$nalpha 1\n");
+    job.write(".coord", "$coordinates\nH 0 0 0 1 1\n$end\n");
+    const std::string basis = wide_contraction_basis(699);
+    ASSERT_LT(basis.size(), 1500u);
+    job.write(".basis", basis);
+    ChildOptions opt;
+    opt.timeout_seconds = 30;
+    if (!kvx::test::kSanitized) opt.address_space_mib = 1024;
+    const ChildRun r = kalvex(job, {"-den"}, opt);
+    ASSERT_FALSE(r.timed_out);
+    EXPECT_EQ(r.status, 0) << r.out << r.err;
+    EXPECT_NE(r.out.find(job.path(".basis")), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("699 contractions of 1 primitive"), std::string::npos) << r.out;
+    EXPECT_EQ(r.out.find("cannot allocate"), std::string::npos) << r.out;
+    // The run goes on without a basis: nothing can be computed.
+    EXPECT_NE(r.out.find("Total density not available for current molecule"), std::string::npos) << r.out;
+    // Generous bounds; the figures are about 1/100 s and a few MB.
+    EXPECT_LT(r.seconds, 10.0);
+    if (!kvx::test::kSanitized) {
+        EXPECT_LT(r.peak_kib, 200 * 1024);
+    }
+    std::printf("[ figures  ] big basis: %.3f s, peak %ld KiB\n", r.seconds, r.peak_kib);
+}
+
+// A basis that is what it says (700 atoms, an i28 shell each) but whose
+// matrices need more memory than the process may have: rejected before
+// they are allocated, the "cannot allocate" messages kept for real failures.
+TEST(HostileJob, BasisNeedingMoreMemoryThanTheProcessHasIsRejected) {
+    if (kvx::test::kSanitized) GTEST_SKIP() << "no address-space limit under the sanitizer";
+    TempJob job;
+    const int natoms = 700;
+    std::string coord = "$coordinates\n";
+    for (int a = 0; a < natoms; ++a) coord += "H 0 0 " + std::to_string(2 * a) + " 1 1\n";
+    job.write(".control", "$natoms " + std::to_string(natoms) + "\n$nalpha 350\n");
+    job.write(".coord", coord + "$end\n");
+    job.write(".basis", "$nbasis 19600\n$nshell 700\n$basis\nfor H\ni28 1.0 1.0\n$end\n");
+    ChildOptions opt;
+    opt.address_space_mib = 3072;
+    const ChildRun r = kalvex(job, {"-den"}, opt);
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.out.find("basis in " + job.path(".basis") + " rejected: 19600 basis functions need 4.3 GB"),
+              std::string::npos)
+        << r.out;
+    EXPECT_EQ(r.out.find("cannot allocate"), std::string::npos) << r.out;
+    EXPECT_LT(r.peak_kib, 200 * 1024);
+}
 
 // A FIFO that nobody writes to and a link to /dev/zero in the place of each
 // job file: read as absent data (the job is then what is left of it), and
@@ -51,4 +116,26 @@ TEST(HostileJob, FifosAndEndlessDevicesReadAsAbsentFiles) {
         }
     }
     std::printf("[ figures  ] FIFO and /dev/zero job files: slowest run %.3f s\n", slowest);
+}
+
+// A sparse orbital file of gigabytes (nothing on disk) whose header
+// announces millions of orbitals: the rows are not allocated beyond what
+// the process can have.
+TEST(HostileJob, HugeSparseOrbitalFileIsNotRead) {
+    if (kvx::test::kSanitized) GTEST_SKIP() << "no address-space limit under the sanitizer";
+    TempJob job;
+    job.copy_from(kWater, {".control", ".coord", ".basis", ".mos"});
+    std::string head = kvx::test::read_file(kWater + ".mos").substr(0, 20);
+    head.replace(4, 4, std::string("\x00\x2d\x31\x01", 4));  // 20,000,000 orbitals
+    job.write(".mos", head);
+    fs::resize_file(job.path(".mos"), std::uintmax_t{3} << 30);
+    ChildOptions opt;
+    opt.address_space_mib = 1024;
+    const ChildRun r = kalvex(job, {"-den"}, opt);
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.out.find("Moldata read_binary_orbitals: " + job.path(".mos") + ": 20000000 orbitals of 19 functions"),
+              std::string::npos)
+        << r.out;
+    EXPECT_NE(r.out.find("Total density not available"), std::string::npos) << r.out;
+    EXPECT_LT(r.seconds, 10.0);
 }
