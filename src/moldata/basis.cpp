@@ -337,8 +337,12 @@ JobError read_onefile_basis(Molecule& mol, const std::string& path) {
         const auto toks = split(line, " ,");
         for (std::size_t i = 0; i < toks.size(); ++i) {
             if (!std::isdigit(static_cast<unsigned char>(toks[i][0]))) continue;  // the element name
-            const long a = std::strtol(toks[i].c_str(), nullptr, 10);
-            if (a >= 1 && static_cast<std::size_t>(a) <= natoms) pending.push_back(static_cast<int>(a));
+            int a = 0;
+            if (parse_int_token(toks[i], a) != IntToken::Value) {
+                report("read_onefile_basis", path, "atom number \"" + toks[i] + "\" is not an integer");
+                return {};
+            }
+            if (a >= 1 && static_cast<std::size_t>(a) <= natoms) pending.push_back(a);
         }
     }
     if (!closed) return {};
@@ -368,16 +372,16 @@ JobError read_onefile_basis(Molecule& mol, const std::string& path) {
         }
         const auto head = split(line, " \t\r");
         if (head.empty()) continue;
-        char* end = nullptr;
-        const long nprim = std::strtol(head[0].c_str(), &end, 10);
+        int nprim = 0;
+        const bool counted = parse_int_token(head[0], nprim) == IntToken::Value;
         const int type = head.size() > 1 ? shell_type_of_label(head[1].substr(0, 8)) : 0;
-        if (end == head[0].c_str() || nprim < 1 || nprim > (1L << 20) || type == 0) {
+        if (!counted || nprim < 1 || nprim > (1 << 20) || type == 0) {
             why = "bad shell header \"" + label_at(line, 0) + "\"";
             ok = false;
             break;
         }
         std::vector<double> nums;
-        for (long i = 0; i < nprim; ++i) {
+        for (int i = 0; i < nprim; ++i) {
             if (!read_line(f, line, kKvmLine)) return {};  // end of file inside the section
             for (const auto& t : split(line, " \t\r")) {
                 double v;
@@ -390,9 +394,7 @@ JobError read_onefile_basis(Molecule& mol, const std::string& path) {
             }
             if (!ok) break;
         }
-        if (ok)
-            ok = make_shell(type, static_cast<int>(nprim), std::move(nums), name, mol.atoms, labels, shells, counter,
-                            why, error);
+        if (ok) ok = make_shell(type, nprim, std::move(nums), name, mol.atoms, labels, shells, counter, why, error);
     }
     if (error) return error;
     if (ok) ok = check_basis(shells, counter - 1, mol.restricted, why);

@@ -122,10 +122,17 @@ double number_after(const std::string& line, const char* key) {
     return std::strtod(line.c_str() + p + std::strlen(key), nullptr);
 }
 
-long integer_after(const std::string& line, const char* key) {
+// The token after key as an integer: 0 when the key is absent; false when
+// the token is not an integer.
+bool integer_after(const std::string& line, const char* key, long& value) {
+    value = 0;
     const auto p = line.find(key);
-    if (p == std::string::npos) return 0;
-    return std::strtol(line.c_str() + p + std::strlen(key), nullptr, 10);
+    if (p == std::string::npos) return true;
+    const char* start = line.c_str() + p + std::strlen(key);
+    int v = 0;
+    if (parse_int_token(std::string(start, std::strcspn(start, " \t\r\n")), v) != IntToken::Value) return false;
+    value = v;
+    return true;
 }
 
 }  // namespace
@@ -148,8 +155,8 @@ std::unique_ptr<OrbitalSet> read_text_orbitals(const std::string& jobname, const
     long n = 0, ncoefs = 0, counter = 0;
     bool in_orbital = false;
     int count = 0;
-    auto reject = [&](const char* what, long value) {
-        std::printf("Moldata read_text_orbitals: %s section %s: %s %ld\n", path.c_str(), section, what, value);
+    auto reject = [&](const char* what, const std::string& value) {
+        std::printf("Moldata read_text_orbitals: %s section %s: %s %s\n", path.c_str(), section, what, value.c_str());
         std::fflush(stdout);
         return nullptr;
     };
@@ -157,9 +164,10 @@ std::unique_ptr<OrbitalSet> read_text_orbitals(const std::string& jobname, const
         if (line.find('$') != std::string::npos) break;
         if (line.find("eigenvalue=") != std::string::npos) {
             n = first_integer(line);
-            ncoefs = integer_after(line, "ncoefs=");
-            if (n < 1 || n > nbasis) return reject("orbital number out of range:", n);
-            if (ncoefs < 0 || ncoefs > nbasis) return reject("coefficient count out of range:", ncoefs);
+            if (!integer_after(line, "ncoefs=", ncoefs))
+                return reject("coefficient count not an integer:", line.substr(0, line.find_first_of("\r\n")));
+            if (n < 1 || n > nbasis) return reject("orbital number out of range:", std::to_string(n));
+            if (ncoefs < 0 || ncoefs > nbasis) return reject("coefficient count out of range:", std::to_string(ncoefs));
             if (n > set->coef.rows) {
                 set->coef.data.resize(static_cast<std::size_t>(n) * nbasis, 0.0);
                 set->coef.rows = static_cast<int>(n);

@@ -44,6 +44,12 @@ inline constexpr std::size_t kMaxToken = 255;
 // of file.
 bool scan_token(std::FILE* f, std::string& tok);
 
+// What a token read where an integer belongs gives: the value, no number at
+// all ("abc", "$end"), a number that is no integer ("2.5", "1e10", "5x"), or
+// an integer beyond 32 bits.
+enum class IntToken { Value, NotNumber, NotInteger, OutOfRange };
+IntToken parse_int_token(const std::string& tok, int& value);
+
 // Decimal integer after optional whitespace (line ends included), as "%d":
 // the character after the digits is left unread. False at end of file, when
 // no digits follow, or when the value does not fit an int.

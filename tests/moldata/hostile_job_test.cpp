@@ -1,7 +1,7 @@
 // Job files made to hurt: a basis of a kilobyte announcing gigabytes of
-// matrices, pipes and endless devices in the place of files, orbital files
-// of gigabytes. kalvex runs as a child process under a time limit, its cost
-// measured.
+// matrices, counts that overflow, pipes and endless devices in the place of
+// files, orbital files of gigabytes. kalvex runs as a child process under a
+// time limit, its cost measured.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -88,6 +88,38 @@ TEST(HostileJob, BasisNeedingMoreMemoryThanTheProcessHasIsRejected) {
         << r.out;
     EXPECT_EQ(r.out.find("cannot allocate"), std::string::npos) << r.out;
     EXPECT_LT(r.peak_kib, 200 * 1024);
+}
+
+// "$ndummy 0 -2147483648": natoms minus the dummy count overflowed in the
+// charge fit's set-up. Counts out of their range refuse the job, naming
+// the file.
+TEST(HostileJob, OutOfRangeCountsRefuseTheJob) {
+    const struct {
+        const char* control;
+        const char* message;
+    } cases[] = {
+        {"$natoms 2\n$nalpha 1\n$ndummy 0 -2147483648\n", "$ndummy -2147483648 is out of range (0 to 2)"},
+        {"$natoms 2\n$nalpha 1\n$ndummy 0 3\n", "$ndummy 3 is out of range (0 to 2)"},
+        {"$natoms 2\n$nalpha -1\n", "$nalpha -1 is out of range (0 or more)"},
+        {"$natoms 2\n$nalpha 99999999999\n", "$nalpha 99999999999 is out of range (beyond 32 bits)"},
+        {"$natoms 2.5\n$nalpha 1\n", "$natoms \"2.5\" is not an integer"},
+        {"$natoms 2\n$nalpha 1e0\n", "$nalpha \"1e0\" is not an integer"},
+    };
+    for (const auto& c : cases) {
+        TempJob job;
+        kvx::test::write_h2(job);
+        job.write(".control", c.control);
+        const ChildRun r = kalvex(job, {"-chelp"});
+        EXPECT_EQ(r.status, 0) << c.control << r.err;
+        EXPECT_EQ(r.signal, 0) << c.control << r.err;
+        EXPECT_EQ(r.out, "Moldata read_counts: " + job.path(".control") + ": " + c.message + "\n") << c.control;
+    }
+    // A word where a count belongs reads as a missing count, as before.
+    TempJob job;
+    kvx::test::write_h2(job);
+    job.write(".control", "$natoms 2\n$nalpha 1\n$ndummy none\n");
+    const ChildRun r = kalvex(job, {"-den"});
+    EXPECT_NE(r.out.find("Property file:"), std::string::npos) << r.out;
 }
 
 // A FIFO that nobody writes to and a link to /dev/zero in the place of each
