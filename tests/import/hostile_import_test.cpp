@@ -1,8 +1,10 @@
-// kalvex-import on hostile input: inputs that are pipes or endless devices.
+// kalvex-import on hostile input: integers that are not integers, inputs
+// that are pipes or endless devices.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <filesystem>
+#include <fstream>
 #include <string>
 
 #include "common/child.h"
@@ -11,8 +13,61 @@
 namespace fs = std::filesystem;
 using kvx::test::ChildOptions;
 using kvx::test::ChildRun;
+using kvx::test::read_file;
 using kvx::test::run_child;
 using kvx::test::TempDir;
+
+namespace {
+
+const std::string kData = KVX_TEST_DATA "/psi4/";
+
+ChildRun import(const std::string& input, const std::string& job) {
+    ChildOptions opt;
+    opt.timeout_seconds = 60;
+    return run_child({kvx::test::tool("kalvex-import"), input, job}, opt);
+}
+
+void write_file(const fs::path& path, const std::string& text) { std::ofstream(path, std::ios::binary) << text; }
+
+// text with the first occurrence of `from` replaced.
+std::string replaced(std::string text, const std::string& from, const std::string& to) {
+    const std::size_t at = text.find(from);
+    if (at != std::string::npos) text.replace(at, from.size(), to);
+    return text;
+}
+
+}  // namespace
+
+// An integer entry holding a real number was cast: 1e10 overflowed int
+// (undefined), 4.5 electrons became 4 and a wrong open-shell job was
+// written. Every integer is now read as one.
+TEST(HostileImport, FchkIntegerEntriesThatAreNotIntegersAreRefused) {
+    const std::string fchk = read_file(kData + "water_cart.fchk");
+    const struct {
+        std::string text;
+        const char* where;
+    } cases[] = {
+        {replaced(fchk, "Number of beta electrons                   I                5",
+                  "Number of beta electrons                   I              4.5"),
+         "line 8: expected an integer (\"Number of beta electrons\"), found \"4.5\": not an integer"},
+        {replaced(fchk, "Charge                                     I                0",
+                  "Charge                                     I             1e10"),
+         "line 4: expected an integer (\"Charge\"), found \"1e10\": not an integer"},
+        {replaced(fchk, "           8           1           1\nNuclear",
+                  "           8         1.0           1\nNuclear"),
+         "line 12: expected an integer (\"Atomic numbers\"), found \"1.0\": not an integer"},
+    };
+    for (const auto& c : cases) {
+        ASSERT_NE(c.text, fchk);
+        TempDir dir;
+        write_file(dir.path() / "water.fchk", c.text);
+        const auto before = dir.snapshot();
+        const ChildRun r = import(dir.file("water.fchk"), dir.file("job"));
+        EXPECT_EQ(r.status, 1) << r.out;
+        EXPECT_EQ(r.err, "kalvex-import: " + dir.file("water.fchk") + ", " + c.where + "\n");
+        EXPECT_EQ(dir.snapshot(), before);
+    }
+}
 
 // A FIFO without a writer, a link to /dev/zero and a folder as the input:
 // refused at once.
