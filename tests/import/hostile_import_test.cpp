@@ -1,5 +1,6 @@
 // kalvex-import on hostile input: integers that are not integers, inputs
-// that are pipes or endless devices.
+// that are pipes or endless devices, and an earlier job that must stay whole
+// when the new one cannot be put in its place.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -9,6 +10,8 @@
 
 #include "common/child.h"
 #include "common/temp_dir.h"
+#include "import/replace.h"
+#include "import/source.h"
 
 namespace fs = std::filesystem;
 using kvx::test::ChildOptions;
@@ -93,4 +96,46 @@ TEST(HostileImport, InputsThatAreNotRegularFilesAreRefused) {
     }
     EXPECT_FALSE(fs::exists(dir.path() / "job.control"));
     std::printf("[ figures  ] kalvex-import on a FIFO, /dev/zero, a folder: slowest run %.3f s\n", slowest);
+}
+
+// The new job's files replaced the old ones one by one: a folder named
+// JOB.mob stopped the fifth move and left the old job's orbitals with the new
+// job's atoms. Now the earlier job stays whole.
+TEST(HostileImport, EarlierJobStaysWholeWhenTheNewOneCannotTakeItsPlace) {
+    TempDir dir;
+    ASSERT_EQ(import(kData + "water_cart.molden", dir.file("job")).status, 0);
+    fs::create_directory(dir.path() / "job.mob");
+    const auto before = dir.snapshot();
+    const ChildRun r = import(kData + "oh_uhf.fchk", dir.file("job"));  // unrestricted: writes job.mob
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.err.find("job.mob is a folder; nothing written"), std::string::npos) << r.err;
+    EXPECT_EQ(dir.snapshot(), before);
+    for (const auto& e : fs::directory_iterator(dir.path()))
+        EXPECT_EQ(e.path().filename().string().find(".kalvex-import"), std::string::npos);
+}
+
+// A move that fails half way: every earlier file is put back, no new one
+// stays. Then the whole replacement, the stale file taken away.
+TEST(HostileImport, ReplacementIsAllOrNothing) {
+    TempDir dir;
+    fs::create_directory(dir.path() / "new");
+    for (const char* e : {".control", ".coord", ".mos", ".sym"})
+        write_file(dir.file("job") + e, std::string("old") + e);
+    for (const char* e : {".control", ".coord", ".mos"}) write_file(dir.file("new/job") + e, std::string("new") + e);
+    const auto before = dir.snapshot();
+
+    // No new ".basis": the third move fails.
+    EXPECT_THROW(kvx::import::replace_job_files(dir.file("new/job"), dir.file("job"),
+                                                {".control", ".coord", ".basis", ".mos"}, {".sym"}, dir.file("aside1")),
+                 kvx::import::ImportError);
+    fs::remove_all(dir.path() / "aside1");
+    EXPECT_EQ(dir.snapshot(), before);
+
+    const std::vector<std::string> removed = kvx::import::replace_job_files(
+        dir.file("new/job"), dir.file("job"), {".control", ".coord", ".mos"}, {".sym", ".nos"}, dir.file("aside2"));
+    EXPECT_EQ(removed, std::vector<std::string>{dir.file("job") + ".sym"});
+    for (const char* e : {".control", ".coord", ".mos"})
+        EXPECT_EQ(read_file(dir.file("job") + e), std::string("new") + e);
+    EXPECT_FALSE(fs::exists(dir.file("job") + ".sym"));
+    EXPECT_TRUE(fs::is_empty(dir.path() / "new"));
 }
