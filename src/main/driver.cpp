@@ -325,6 +325,8 @@ int run(int argc, char** argv) {
         std::printf("Cannot read molecular data for %s\n", argv[1]);
         return 0;
     }
+    // Incomplete orbital files: standard output stays as specified.
+    for (const std::string& w : load.warnings) std::fprintf(stderr, "kalvex: %s\n", w.c_str());
     st.mol = std::move(load.molecule);
     st.flags = st.mol->flags ? *st.mol->flags : moldata::compute_flags(*st.mol);
     st.identity = st.mol->density_checksum ? static_cast<std::uint32_t>(st.mol->density_checksum)

@@ -1,5 +1,6 @@
 #include "moldata/orbitals.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cstdint>
 #include <cstdio>
@@ -19,7 +20,7 @@ bool read_words(std::FILE* f, std::int32_t* w, int n) {
 
 }  // namespace
 
-std::unique_ptr<OrbitalSet> read_binary_orbitals(const std::string& path, int nbasis, int intsize) {
+std::unique_ptr<OrbitalSet> read_binary_orbitals(const std::string& path, int nbasis, int intsize, int* announced) {
     if (nbasis <= 0) return nullptr;
     File file = open_read(path, true);
     if (!file) return nullptr;
@@ -31,6 +32,7 @@ std::unique_ptr<OrbitalSet> read_binary_orbitals(const std::string& path, int nb
     const int norb = head[0];
     const int valid = intsize == 1 ? head[2] : head[1];
     if (!read_words(f, &frame, 1) || norb < 0) return nullptr;
+    if (announced) *announced = norb;
 
     // Never more rows than the file can hold: a header announcing more than
     // that reads as a file cut inside the rows.
@@ -200,29 +202,59 @@ std::unique_ptr<OrbitalSet> read_text_orbitals(const std::string& jobname, const
     return set;
 }
 
-void read_orbitals(Molecule& mol, const std::string& jobname) {
+namespace {
+
+// The warnings of one set read from `source` (a file, or a section of one).
+void check_count(const OrbitalSet* set, const std::string& source, int announced, int occupied, const char* count_name,
+                 std::vector<std::string>* warnings) {
+    if (!set || !warnings) return;
+    auto add = [&](const std::string& w) {  // ".los" is read for both spins
+        if (std::find(warnings->begin(), warnings->end(), w) == warnings->end()) warnings->push_back(w);
+    };
+    if (announced > set->count)
+        add(source + " holds " + std::to_string(set->count) + " orbitals; its header announces " +
+            std::to_string(announced) + " (a cut file or a damaged header)");
+    if (set->count < occupied)
+        add(source + " holds " + std::to_string(set->count) + " orbitals, fewer than the " + std::to_string(occupied) +
+            " occupied (" + count_name + "): densities from it leave the missing ones out");
+}
+
+}  // namespace
+
+void read_orbitals(Molecule& mol, const std::string& jobname, std::vector<std::string>* warnings) {
     mol.alpha.reset();
     mol.beta.reset();
     mol.localized.reset();
     mol.localized_beta.reset();
     mol.natural.reset();
-    mol.alpha = read_binary_orbitals(jobname + ".mos", mol.nbasis, mol.intsize);
-    if (!mol.restricted) mol.beta = read_binary_orbitals(jobname + ".mob", mol.nbasis, mol.intsize);
-    mol.localized = read_binary_orbitals(jobname + ".los", mol.nbasis, mol.intsize);
-    if (!mol.localized) mol.localized = read_binary_orbitals(jobname + ".loc", mol.nbasis, mol.intsize);
+    const int n = mol.nbasis, w = mol.intsize;
+    // Each set from its file, with the file's name and header for the warnings.
+    auto read = [&](std::unique_ptr<OrbitalSet>& slot, const char* ext, int occupied, const char* count_name) {
+        int announced = 0;
+        slot = read_binary_orbitals(jobname + ext, n, w, &announced);
+        check_count(slot.get(), jobname + ext, announced, occupied, count_name, warnings);
+        return slot != nullptr;
+    };
+    read(mol.alpha, ".mos", mol.nalpha, "$nalpha");
+    if (!mol.restricted) read(mol.beta, ".mob", mol.nbeta, "$nbeta");
+    if (!read(mol.localized, ".los", mol.nalpha, "$nalpha")) read(mol.localized, ".loc", mol.nalpha, "$nalpha");
     if (!mol.restricted) {
         // The beta localized orbitals come from the same ".los" name: intended.
-        mol.localized_beta = read_binary_orbitals(jobname + ".los", mol.nbasis, mol.intsize);
-        mol.natural = read_binary_orbitals(jobname + ".nos", mol.nbasis, mol.intsize);
+        read(mol.localized_beta, ".los", mol.nbeta, "$nbeta");
+        read(mol.natural, ".nos", 0, "");
     }
 }
 
-void read_onefile_orbitals(Molecule& mol, const std::string& jobname) {
-    mol.alpha = read_text_orbitals(jobname, "$scfmo", mol.nbasis);
-    mol.beta = read_text_orbitals(jobname, "$betamo", mol.nbasis);
-    mol.localized = read_text_orbitals(jobname, "$scflo", mol.nbasis);
-    mol.localized_beta = read_text_orbitals(jobname, "$betalo", mol.nbasis);
-    mol.natural = read_text_orbitals(jobname, "$betano", mol.nbasis);
+void read_onefile_orbitals(Molecule& mol, const std::string& jobname, std::vector<std::string>* warnings) {
+    auto read = [&](std::unique_ptr<OrbitalSet>& slot, const char* section, int occupied, const char* count_name) {
+        slot = read_text_orbitals(jobname, section, mol.nbasis);
+        check_count(slot.get(), jobname + ".kvm section " + section, 0, occupied, count_name, warnings);
+    };
+    read(mol.alpha, "$scfmo", mol.nalpha, "$nalpha");
+    read(mol.beta, "$betamo", mol.nbeta, "$nbeta");
+    read(mol.localized, "$scflo", mol.nalpha, "$nalpha");
+    read(mol.localized_beta, "$betalo", mol.nbeta, "$nbeta");
+    read(mol.natural, "$betano", 0, "");
 }
 
 void print_orbitals(const OrbitalSet& set) {

@@ -77,7 +77,7 @@ MoleculeLoad read_counts(const std::string& jobname) {
     if (!control) return {};
     CountReader counts{control.get(), jobname + ".control", {}};
     const int natoms = counts.get("$natoms", kKeywordMissing, 0);
-    if (counts.error) return {nullptr, counts.error};
+    if (counts.error) return {nullptr, counts.error, {}};
     if (natoms == kKeywordMissing) return {};
 
     auto mol = std::make_unique<Molecule>();
@@ -100,17 +100,17 @@ MoleculeLoad read_counts(const std::string& jobname) {
     }
     mol->nbits = counts.get("$nbits", 32);
     mol->intsize = counts.get("$intsize", 2);
-    if (counts.error) return {nullptr, counts.error};
+    if (counts.error) return {nullptr, counts.error, {}};
 
     if (File basis = open_read(jobname + ".basis")) {
         CountReader bc{basis.get(), jobname + ".basis", {}};
         mol->nbasis = bc.get("$nbasis", 0, 0);
         mol->nshell = bc.get("$nshell", 0, 0);
         mol->nprim = bc.get("$nprim", 0, 0);
-        if (bc.error) return {nullptr, bc.error};
+        if (bc.error) return {nullptr, bc.error, {}};
     }
     mol->restricted = mol->nbeta == 0 && mol->multiplicity == 1 ? 1 : 0;
-    return {std::move(mol), {}};
+    return {std::move(mol), {}, {}};
 }
 
 JobError read_coordinates(Molecule& mol, const std::string& path) {
@@ -175,7 +175,7 @@ MoleculeLoad read_onefile(const std::string& jobname) {
     CountReader counts{f, path, {}};
     mol->nalpha = counts.get("$nalpha", 0, 0);
     mol->nbeta = counts.get("$nbeta", 0, 0);
-    if (counts.error) return {nullptr, counts.error};
+    if (counts.error) return {nullptr, counts.error, {}};
     mol->restricted = mol->nbeta == 0 ? 1 : 0;
 
     // "$coord": one atom per line, "x y z symbol", until a line with "$".
@@ -211,10 +211,11 @@ MoleculeLoad read_onefile(const std::string& jobname) {
     file.reset();
 
     if (mol->has_atoms()) {
-        if (JobError e = read_onefile_basis(*mol, path)) return {nullptr, e};
-        if (mol->has_shells()) read_onefile_orbitals(*mol, jobname);
+        if (JobError e = read_onefile_basis(*mol, path)) return {nullptr, e, {}};
     }
-    return {std::move(mol), {}};
+    MoleculeLoad load{std::move(mol), {}, {}};
+    if (load.molecule->has_shells()) read_onefile_orbitals(*load.molecule, jobname, &load.warnings);
+    return load;
 }
 
 namespace {
@@ -224,13 +225,13 @@ MoleculeLoad read_multifile(const std::string& jobname) {
     MoleculeLoad counts = read_counts(jobname);
     if (!counts.molecule) return counts;
     Molecule& mol = *counts.molecule;
-    if (JobError e = read_coordinates(mol, jobname + ".coord")) return {nullptr, e};
+    if (JobError e = read_coordinates(mol, jobname + ".coord")) return {nullptr, e, {}};
     if (mol.has_atoms()) {
-        if (JobError e = read_symmetry(mol, jobname + ".sym")) return {nullptr, e};
-        if (JobError e = read_basis(mol, jobname + ".basis")) return {nullptr, e};
+        if (JobError e = read_symmetry(mol, jobname + ".sym")) return {nullptr, e, {}};
+        if (JobError e = read_basis(mol, jobname + ".basis")) return {nullptr, e, {}};
         sort_shells(mol);
         // Coefficients are read per nbasis: only for a basis that gave it.
-        if (mol.has_shells()) read_orbitals(mol, jobname);
+        if (mol.has_shells()) read_orbitals(mol, jobname, &counts.warnings);
     }
     return counts;
 }
@@ -243,8 +244,8 @@ MoleculeLoad build_molecule(const std::string& jobname) {
     if (!load.molecule && !load.error) load = read_onefile(jobname);
     if (!load.molecule) return load;
     Molecule& mol = *load.molecule;
-    if (JobError e = compute_density(mol)) return {nullptr, e};
-    if (JobError e = add_overlap(mol)) return {nullptr, e};
+    if (JobError e = compute_density(mol)) return {nullptr, e, {}};
+    if (JobError e = add_overlap(mol)) return {nullptr, e, {}};
     mol.flags = compute_flags(mol);
     return load;
 }

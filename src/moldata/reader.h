@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "moldata/job_error.h"
 #include "moldata/molecule.h"
@@ -21,10 +22,13 @@ inline constexpr int kKeywordMissing = -666;
 int read_keyword(std::FILE* f, const char* keyword);
 
 // What the molecule builder returns: the molecule, or the readers' refusal,
-// or neither when no layout of the job is there to read.
+// or neither when no layout of the job is there to read; with the warnings
+// about data that is there but incomplete (kalvex prints them on standard
+// error).
 struct MoleculeLoad {
     std::unique_ptr<Molecule> molecule;
     JobError error;
+    std::vector<std::string> warnings;
 };
 
 // The multi-file counts: ".control" and ".basis" of the job. No molecule

@@ -1,7 +1,7 @@
 // Job files made to hurt: a basis of a kilobyte announcing gigabytes of
 // matrices, counts that overflow, pipes and endless devices in the place of
-// files, orbital files of gigabytes. kalvex runs as a child process under a
-// time limit, its cost measured.
+// files, orbital files cut short or announcing a million orbitals. kalvex
+// runs as a child process under a time limit, its cost measured.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -20,6 +20,8 @@ using kvx::test::TempJob;
 namespace {
 
 const std::string kWater = KVX_TEST_DATA "/water/water";
+
+std::string folder_of(const TempJob& job) { return fs::path(job.job()).parent_path().string(); }
 
 ChildRun kalvex(const TempJob& job, std::vector<std::string> words, ChildOptions opt = {}) {
     std::vector<std::string> argv = {KVX_BINARY, job.job()};
@@ -170,4 +172,42 @@ TEST(HostileJob, HugeSparseOrbitalFileIsNotRead) {
         << r.out;
     EXPECT_NE(r.out.find("Total density not available"), std::string::npos) << r.out;
     EXPECT_LT(r.seconds, 10.0);
+}
+
+// Orbital files holding fewer orbitals than their header announces, or than
+// the occupied count: kalvex says so on standard error; standard output and
+// the values stay as they were.
+TEST(HostileJob, ShortOrbitalFilesAreReportedOnStandardError) {
+    const std::string full = kvx::test::read_file(kWater + ".mos");
+    ASSERT_EQ(full.size(), 3072u);  // header 16 bytes, 19 x 19 doubles framed, 19 energies framed
+    const std::size_t row = 19 * 8, coef_start = 16 + 4;
+    const struct {
+        std::string bytes;
+        std::vector<std::string> warnings;
+    } cases[] = {
+        // Cut inside orbital 3: 2 orbitals kept.
+        {full.substr(0, coef_start + 2 * row + 50),
+         {".mos holds 2 orbitals; its header announces 19", ".mos holds 2 orbitals, fewer than the 5 occupied"}},
+        // The header announces a million orbitals: the energy record reads as
+        // a 20th row; the warning says what happened.
+        {full.substr(0, 4) + std::string("\x40\x42\x0f\x00", 4) + full.substr(8),
+         {".mos holds 20 orbitals; its header announces 1000000"}},
+    };
+    for (const auto& c : cases) {
+        TempJob job;
+        job.copy_from(kWater, {".control", ".coord", ".basis"});
+        job.write(".mos", c.bytes);
+        const ChildRun r = kalvex(job, {"-den", "-base", "b", "-path", folder_of(job)});
+        EXPECT_EQ(r.status, 0);
+        for (const std::string& w : c.warnings) {
+            EXPECT_NE(r.err.find("kalvex: " + job.path(w)), std::string::npos) << r.err;
+            EXPECT_EQ(r.out.find(w), std::string::npos) << r.out;
+        }
+        EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), static_cast<long>(c.warnings.size())) << r.err;
+    }
+    // A whole file: nothing on standard error.
+    TempJob job;
+    job.copy_from(kWater, {".control", ".coord", ".basis", ".mos"});
+    const ChildRun r = kalvex(job, {"-den", "-base", "b", "-path", folder_of(job)});
+    EXPECT_EQ(r.err, "");
 }
