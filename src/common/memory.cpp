@@ -38,10 +38,14 @@ std::uint64_t cgroup_limit() {
     return limit;
 }
 
+std::uint64_t g_budget = 0;
+
 }  // namespace
 
+void set_memory_budget(std::uint64_t bytes) { g_budget = bytes; }
+
 std::uint64_t usable_memory_bytes() {
-    std::uint64_t limit = UINT64_MAX;
+    std::uint64_t limit = g_budget > 0 ? g_budget : UINT64_MAX;
     const long pages = ::sysconf(_SC_PHYS_PAGES), page = ::sysconf(_SC_PAGE_SIZE);
     if (pages > 0 && page > 0) limit = static_cast<std::uint64_t>(pages) * static_cast<std::uint64_t>(page);
     for (int resource : {RLIMIT_AS, RLIMIT_DATA}) {
@@ -49,7 +53,10 @@ std::uint64_t usable_memory_bytes() {
         if (::getrlimit(resource, &rl) == 0 && rl.rlim_cur != RLIM_INFINITY)
             limit = std::min<std::uint64_t>(limit, rl.rlim_cur);
     }
-    return std::min(limit, cgroup_limit());
+    // The control group's limit is read once: its files are slow to read
+    // and it does not change under a running process in practice.
+    static const std::uint64_t group = cgroup_limit();
+    return std::min(limit, group);
 }
 
 std::string memory_text(std::uint64_t bytes) {

@@ -11,6 +11,10 @@ namespace kvx::common {
 
 std::uint64_t usable_memory_bytes();
 
+// Lowers what usable_memory_bytes reports from now on (0: no lowering), for
+// a process that knows it shares the machine, such as a fuzzing harness.
+void set_memory_budget(std::uint64_t bytes);
+
 // "6.1 GB", "250 MB": a size for messages.
 std::string memory_text(std::uint64_t bytes);
 
