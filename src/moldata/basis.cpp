@@ -312,7 +312,7 @@ constexpr int kKvmLine = 500;
 JobError read_onefile_basis(Molecule& mol, const std::string& path) {
     mol.shells.clear();
     if (mol.atoms.empty()) return {};
-    File file = open_read(path);
+    File file = open_read(path, false, kOneFileLimit);
     if (!file) return {};
     std::FILE* f = file.get();
     const std::size_t natoms = mol.atoms.size();

@@ -142,7 +142,7 @@ bool integer_after(const std::string& line, const char* key, long& value) {
 std::unique_ptr<OrbitalSet> read_text_orbitals(const std::string& jobname, const char* section, int nbasis) {
     if (nbasis <= 0) return nullptr;
     const std::string path = jobname + ".kvm";
-    File file = open_read(path);
+    File file = open_read(path, false, kOneFileLimit);
     if (!file) return nullptr;
     std::FILE* f = file.get();
     std::string line;

@@ -166,7 +166,7 @@ JobError read_coordinates(Molecule& mol, const std::string& path) {
 
 MoleculeLoad read_onefile(const std::string& jobname) {
     const std::string path = jobname + ".kvm";
-    File file = open_read(path);
+    File file = open_read(path, false, kOneFileLimit);
     if (!file) return {};
     std::FILE* f = file.get();
 

@@ -7,12 +7,12 @@
 
 namespace kvx::moldata {
 
-File open_read(const std::string& path, bool binary) {
+File open_read(const std::string& path, bool binary, std::uint64_t limit) {
     bool cut = false;
-    File f(common::open_bounded(path, binary ? common::kNoLimit : kTextFileLimit, nullptr, &cut));
+    File f(common::open_bounded(path, binary ? common::kNoLimit : limit, nullptr, &cut));
     if (f && cut) {
         std::printf("Moldata open_read: %s is longer than %d MiB; the rest is not read\n", path.c_str(),
-                    static_cast<int>(kTextFileLimit >> 20));
+                    static_cast<int>(limit >> 20));
         std::fflush(stdout);
     }
     return f;

@@ -15,15 +15,19 @@ struct FileCloser {
 };
 using File = std::unique_ptr<std::FILE, FileCloser>;
 
-// Longest text job file read; the rest of a longer one is not read (with a
-// message), so that no keyword scan runs for ever.
-inline constexpr std::uint64_t kTextFileLimit = std::uint64_t{1} << 30;
+// Longest text job files read; the rest of a longer one is not read (with a
+// message), so that the keyword scans, each through the whole file, end
+// within seconds. Counts, atoms, basis and symmetry files take 64 MiB (some
+// 800,000 atoms); the one-file layout, whose orbital sections grow with the
+// square of the basis, 1 GiB.
+inline constexpr std::uint64_t kTextFileLimit = std::uint64_t{64} << 20;
+inline constexpr std::uint64_t kOneFileLimit = std::uint64_t{1} << 30;
 
-// The job file as a stream that ends where the file ended when opened (text
-// files: at kTextFileLimit at most). Null when the file cannot be opened or
-// is not a regular file: an absent file, a FIFO, a device or a folder count
-// as absent data.
-File open_read(const std::string& path, bool binary = false);
+// The job file as a stream that ends where the file ended when opened, or
+// for a text file at `limit`. Null when the file cannot be opened or is not
+// a regular file: an absent file, a FIFO, a device or a folder count as
+// absent data.
+File open_read(const std::string& path, bool binary = false, std::uint64_t limit = kTextFileLimit);
 
 // Bytes from the current position to the end of the file; 0 when unknown.
 long remaining_bytes(std::FILE* f);

@@ -174,6 +174,25 @@ TEST(HostileJob, HugeSparseOrbitalFileIsNotRead) {
     EXPECT_LT(r.seconds, 10.0);
 }
 
+// A control file that goes on for 65 MiB past its counts (a sparse file:
+// nothing on disk): read up to its bound, with a message, within seconds.
+TEST(HostileJob, OverlongTextJobFileIsReadToItsBound) {
+    TempJob job;
+    kvx::test::write_h2(job);
+    fs::resize_file(job.path(".control"), std::uintmax_t{65} << 20);
+    ChildOptions opt;
+    opt.timeout_seconds = 120;
+    const ChildRun r = kalvex(job, {"-den", "-base", "b", "-path", folder_of(job)}, opt);
+    ASSERT_FALSE(r.timed_out);
+    EXPECT_EQ(
+        r.out.rfind("Moldata open_read: " + job.path(".control") + " is longer than 64 MiB; the rest is not read\n", 0),
+        0u)
+        << r.out;
+    EXPECT_NE(r.out.find("Property file:"), std::string::npos) << r.out;
+    EXPECT_LT(r.seconds, 60.0);
+    std::printf("[ figures  ] 65 MiB control file: %.2f s\n", r.seconds);
+}
+
 // Orbital files holding fewer orbitals than their header announces, or than
 // the occupied count: kalvex says so on standard error; standard output and
 // the values stay as they were.
