@@ -133,15 +133,34 @@ run_cases() {
         d=$(case_dir "psi4_$name")
         cp "$data/psi4/$input" "$d/"
         (cd "$d" && tool kalvex-import "$input" job &&
-            kvx "" job -xp 8 -yp 7 -zp 6 -den -spin -moa 1 -moa 4 -mob 3 -ep -chelp)
+            kvx "" job -xp 8 -yp 7 -zp 6 -den -spin -moa 1 -moa 4 -mob 3 -ep -chelp && tool kalvex-info job)
         finish "$d" "$input"
     done
 
     # Refusals and usage.
     d=$(case_dir messages)
     (cd "$d" && kvx "" && kvx "" nosuchjob -den && tool kalvex-import nosuch.molden job &&
-        tool kalvex-cube nosuchjob none.grid)
+        tool kalvex-cube nosuchjob none.grid && kvx "" -h && kvx "" --version && tool kalvex-info nosuchjob)
     finish "$d"
+
+    # Mistyped and incomplete lines: warnings on standard error, standard
+    # output as without them; kalvex-info on the job.
+    d=$(case_dir warnings)
+    copy_job "$data/water/water" "$d" control coord basis mos
+    (cd "$d" && kvx $'-thrsh 1e-9 -yp 1.5 -ep\n-partd 1 9-22,x,0 1\n-partd\n-parts 0 1 1 -moacc 1e-8x -den\n-xp\n' \
+        water -xp 4 -yp 4 -zp 4 -dne -den den -moa 1-3 -moa 99 -moa 0 -mob 1 --hlep -moa &&
+        kvx "" water -xp 3 -yp 3 -zp 3 --help -den && tool kalvex-info water)
+    finish "$d" water.control water.coord water.basis water.mos
+
+    # A property file of another job with the same number of atoms: refused
+    # by both view tools, taken with --any-job.
+    d=$(case_dir foreign_file)
+    copy_job "$data/water/water" "$d" control coord basis mos
+    for ext in control coord basis mos; do cp "$root/examples/water/water.$ext" "$d/tz.$ext"; done
+    (cd "$d" && kvx "" water -xp 5 -yp 6 -zp 7 -base w -den &&
+        tool kalvex-cube tz w-den.grid tz.cube; tool kalvex-slice tz w-den.grid --plane z=0 tz.svg;
+        tool kalvex-cube water w-den.grid water.cube && tool kalvex-cube tz w-den.grid any.cube --any-job)
+    finish "$d" water.control water.coord water.basis water.mos tz.control tz.coord tz.basis tz.mos
 }
 
 mode="${1:-}"

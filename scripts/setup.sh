@@ -27,13 +27,13 @@ if [ "$(id -u)" -ne 0 ]; then
     [ ${#extras[@]} -eq 0 ] || echo "setup: not installed: ${extras[*]}; the tests that need it are skipped" >&2
     [ ${#missing[@]} -eq 0 ] && exit 0
     echo "setup: missing packages: ${missing[*]}" >&2
-    echo "setup: run as root (or: sudo apt-get install ${missing[*]})" >&2
+    echo "setup: run as root (or: sudo apt-get install --no-install-recommends ${missing[*]})" >&2
     exit 1
 fi
 
 echo "setup: installing ${missing[*]} ${extras[*]}"
 export DEBIAN_FRONTEND=noninteractive
 apt-get update -qq
-[ ${#missing[@]} -eq 0 ] || apt-get install -y -qq "${missing[@]}"
-[ ${#extras[@]} -eq 0 ] || apt-get install -y -qq "${extras[@]}" ||
+[ ${#missing[@]} -eq 0 ] || apt-get install -y -qq --no-install-recommends "${missing[@]}"
+[ ${#extras[@]} -eq 0 ] || apt-get install -y -qq --no-install-recommends "${extras[@]}" ||
     echo "setup: could not install ${extras[*]}; the tests that need it are skipped" >&2

@@ -6,10 +6,14 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iterator>
 #include <new>
 
 #include "common/input_file.h"
 #include "common/memory.h"
+#include "common/version.h"
 #include "import/readers.h"
 
 namespace kvx::import {
@@ -66,6 +70,22 @@ SourceJob read_source(const std::string& path) {
 
 namespace {
 
+// "HOMO 5, LUMO 6", per spin for open shells; a file of occupied orbitals
+// only (AIM) has no LUMO.
+std::string frontier(int nocc, int norb) {
+    std::string s = nocc >= 1 ? std::to_string(nocc) : "none";
+    return s + ", LUMO " + (nocc < norb ? std::to_string(nocc + 1) : "none (no virtual orbitals in the file)");
+}
+
+void print_frontier(const ImportReport& r) {
+    const int norb_beta = r.restricted_open ? r.norb_alpha : r.norb_beta;
+    if (r.restricted)
+        std::printf("  HOMO %s\n", frontier(r.nalpha, r.norb_alpha).c_str());
+    else
+        std::printf("  alpha HOMO %s; beta HOMO %s\n", frontier(r.nalpha, r.norb_alpha).c_str(),
+                    frontier(r.nbeta, norb_beta).c_str());
+}
+
 void print_report(const std::string& input, const SourceJob& src, const ImportReport& r) {
     std::printf("kalvex-import: %s (%s)\n", input.c_str(), src.format.c_str());
     std::printf("  atoms %d, shells %d, basis functions %d (%d in the file)\n", r.natoms, r.nshells, r.nbasis,
@@ -76,6 +96,7 @@ void print_report(const std::string& input, const SourceJob& src, const ImportRe
         std::printf("  orbitals: %d restricted open-shell, written for both spins\n", r.norb_alpha);
     else
         std::printf("  orbitals: %d alpha, %d beta (unrestricted)\n", r.norb_alpha, r.norb_beta);
+    print_frontier(r);
     std::printf("  electrons %d (alpha %d, beta %d), charge %d, multiplicity %d\n", r.nalpha + r.nbeta, r.nalpha,
                 r.nbeta, r.charge, r.multiplicity);
     std::printf("  normalisation: %s\n", r.convention.c_str());
@@ -107,11 +128,20 @@ void print_report(const std::string& input, const SourceJob& src, const ImportRe
 }  // namespace
 
 int run_import(int argc, char** argv) {
+    static const char kUsage[] =
+        "usage: kalvex-import INPUT JOB\n"
+        "  INPUT: a Molden (.molden), formatted checkpoint (.fchk) or AIM (.wfn, .wfx) file\n"
+        "  JOB:   the Kalvex job to write (JOB.control, JOB.coord, JOB.basis, JOB.mos, JOB.mob)\n";
+    if (argc == 2 && (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0)) {
+        std::fputs(kUsage, stdout);
+        return 0;
+    }
+    if (argc == 2 && std::strcmp(argv[1], "--version") == 0) {
+        std::printf("%s\n", common::version_line("kalvex-import").c_str());
+        return 0;
+    }
     if (argc != 3) {
-        std::fprintf(stderr,
-                     "usage: kalvex-import INPUT JOB\n"
-                     "  INPUT: a Molden (.molden), formatted checkpoint (.fchk) or AIM (.wfn, .wfx) file\n"
-                     "  JOB:   the Kalvex job to write (JOB.control, JOB.coord, JOB.basis, JOB.mos, JOB.mob)\n");
+        std::fputs(kUsage, stderr);
         return 1;
     }
     const std::string input = argv[1], job = argv[2];

@@ -13,14 +13,19 @@
 
 #include "chelp/chelp.h"
 #include "common/fatal.h"
+#include "common/version.h"
 #include "elepot/elepot.h"
 #include "grid/density.h"
 #include "grid/grid.h"
 #include "grid/gto.h"
 #include "grid/property_grid.h"
+#include "main/grid_cost.h"
 #include "main/input.h"
 #include "main/output.h"
 #include "main/select.h"
+#include "main/usage.h"
+#include "main/word_check.h"
+#include "moldata/lattice.h"
 #include "moldata/property_words.h"
 #include "moldata/reader.h"
 
@@ -35,8 +40,6 @@ using moldata::PropertyWord;
 
 namespace {
 
-constexpr const char* kVersion = "1.2-18-win";
-
 extern "C" void on_sigint(int) {
     abort_flag = 1;
     std::signal(SIGINT, on_sigint);  // re-arm: the next Ctrl-C cancels the next property
@@ -45,7 +48,7 @@ extern "C" void on_sigint(int) {
 void print_banner() {
     const std::string rule(80, '=');
     std::printf("%s\n\n", rule.c_str());
-    std::printf("                              Kalvex version %s\n", kVersion);
+    std::printf("                              Kalvex version %s\n", common::kVersion);
     std::printf("\n%s\n", rule.c_str());
 }
 
@@ -239,6 +242,22 @@ void run_chelp(RunState& st) {
     release_potential(st);  // the next -ep or -chelp builds it afresh
 }
 
+// Before a large calculation its estimate goes to standard error, unless an
+// up-to-date file will be taken instead.
+void announce_cost(const RunState& st, const Request& rq, const PropertyWord& word) {
+    if (opt_i("-point")) return;
+    const std::string note = large_grid_note(*st.grid, rq.kind, *st.mol);
+    if (note.empty()) return;
+    if (word.writes_file && rq.kind != kReqPartd && rq.kind != kReqParts && !opt_i("-force")) {
+        const bool pot = rq.kind == kReqEp;
+        const std::string name = name_file((pot ? st.pot_base : st.orb_base).c_str(), opt_c("-path"), word,
+                                           word.orbital ? rq.arg1 : nullptr);
+        if (file_exists(name, pot ? st.pot_stamp : st.orb_stamp)) return;
+    }
+    std::fflush(stdout);
+    std::fprintf(stderr, "kalvex: %s\n", note.c_str());
+}
+
 // The request's flag is tested first; then it runs by its kind.
 void execute(RunState& st, Request& rq) {
     const PropertyWord& word = moldata::kPropertyWords[rq.kind];
@@ -246,6 +265,7 @@ void execute(RunState& st, Request& rq) {
         std::puts(word.missing);
         return;
     }
+    announce_cost(st, rq, word);
     const Molecule& mol = *st.mol;
     std::optional<std::vector<double>> occa, occb;
     switch (rq.kind) {
@@ -285,19 +305,12 @@ void execute(RunState& st, Request& rq) {
 
 // Default box: the atoms' bounding box plus 5.7 bohr on every side.
 void set_default_box(const Molecule& mol) {
-    double lo[3] = {1e10, 1e10, 1e10}, hi[3] = {-1e10, -1e10, -1e10};
-    for (const auto& a : mol.atoms) {
-        const double r[3] = {a.x, a.y, a.z};
-        for (int d = 0; d < 3; ++d) {
-            if (r[d] < lo[d]) lo[d] = r[d];
-            if (r[d] > hi[d]) hi[d] = r[d];
-        }
-    }
+    const moldata::Box box = moldata::default_box(mol.atoms);
     const char* s[3] = {"-xs", "-ys", "-zs"};
     const char* l[3] = {"-xl", "-yl", "-zl"};
     for (int d = 0; d < 3; ++d) {
-        find_option(s[d])->dval = lo[d] - 5.7;
-        find_option(l[d])->dval = (hi[d] + 5.7) - (lo[d] - 5.7);
+        find_option(s[d])->dval = box.start[d];
+        find_option(l[d])->dval = box.length[d];
     }
 }
 
@@ -310,23 +323,35 @@ int run(int argc, char** argv) {
     std::vector<char*> words(256, nullptr);
     if (argc < 2) {
         std::puts("Usage: kalvex jobname");
+        std::fflush(stdout);
+        std::fputs(usage_text().c_str(), stderr);  // the tables go beside the line scripts read
         return 0;
     }
     set_scratch_directory();
 
     RunState st;
     st.jobname = argv[1];
+    // "kalvex -h" reads a job named -h like any other and says so on standard
+    // output, as always; the usage (or version) follows on standard error.
+    auto answer_job_word = [&] {
+        std::fflush(stdout);
+        if (is_help_word(argv[1])) std::fputs(usage_text().c_str(), stderr);
+        if (is_version_word(argv[1])) std::fprintf(stderr, "%s\n", common::version_line("kalvex").c_str());
+    };
     moldata::MoleculeLoad load = moldata::build_molecule(st.jobname);
     if (load.error) {
         std::puts(load.error.message.c_str());  // a refused job also ends with status 0
+        answer_job_word();
         return 0;
     }
     if (!load.molecule) {
         std::printf("Cannot read molecular data for %s\n", argv[1]);
+        answer_job_word();
         return 0;
     }
-    // Incomplete orbital files: standard output stays as specified.
+    // Incomplete orbital files: standard output stays as it is.
     for (const std::string& w : load.warnings) std::fprintf(stderr, "kalvex: %s\n", w.c_str());
+    answer_job_word();
     st.mol = std::move(load.molecule);
     st.flags = st.mol->flags ? *st.mol->flags : moldata::compute_flags(*st.mol);
     st.identity = st.mol->density_checksum ? static_cast<std::uint32_t>(st.mol->density_checksum)
@@ -336,6 +361,7 @@ int run(int argc, char** argv) {
 
     RequestQueue queue;
     if (argc > 2) {
+        report_words(argc - 2, argv + 2, *st.mol);
         st.changed += parse_options(argc - 2, argv + 2);
         queue_requests(argc - 2, argv + 2, queue);
     }
@@ -344,9 +370,20 @@ int run(int argc, char** argv) {
     std::fflush(stdout);
 
     std::vector<char> line(kLineBuffer, 0);
+    bool told_terminal = false;
     for (;;) {
         if (queue.empty()) {
+            if (!told_terminal && isatty(STDIN_FILENO)) {
+                // At a terminal the wait for more words would look like a hang.
+                std::fflush(stdout);
+                std::fputs(
+                    "kalvex: reading further requests from the terminal; -end or Ctrl-D ends the run "
+                    "(Ctrl-C cancels only the property being computed)\n",
+                    stderr);
+                told_terminal = true;
+            }
             const int nw = read_input_line(stdin, line.data(), words.data());
+            report_words(nw, words.data(), *st.mol);
             st.changed += parse_options(nw, words.data());
             queue_requests(nw, words.data(), queue);
             continue;

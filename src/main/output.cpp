@@ -14,6 +14,7 @@
 #include "common/input_file.h"
 #include "common/output_file.h"
 #include "moldata/checksum.h"
+#include "moldata/lattice.h"
 
 namespace kvx::main {
 
@@ -36,15 +37,17 @@ uint32_t stamp(const void* data, std::size_t len, uint32_t seed) { return moldat
 
 uint32_t grid_stamp(const grid::Grid* g, uint32_t seed) {
     if (!g) return seed;
-    // Field by field in a fixed order; never the record's memory image.
-    const int n = g->ndim < 0 ? 0 : (g->ndim > 3 ? 3 : g->ndim);
-    uint32_t s = stamp(g->centre, sizeof g->centre, seed);
-    s = stamp(g->origin, sizeof g->origin, s);
-    for (int c = 0; c < 3; ++c) s = stamp(g->axes[c], n * sizeof(double), s);
-    s = stamp(g->lengths, n * sizeof(double), s);
-    s = stamp(g->spacings, n * sizeof(double), s);
-    s = stamp(g->counts, n * sizeof(int), s);
-    return s;
+    moldata::LatticeRecord r;
+    r.ndim = g->ndim;
+    for (int c = 0; c < 3; ++c) {
+        r.centre[c] = g->centre[c];
+        r.origin[c] = g->origin[c];
+        for (int d = 0; d < 3; ++d) r.axes[c][d] = g->axes[c][d];
+        r.lengths[c] = g->lengths[c];
+        r.spacings[c] = g->spacings[c];
+        r.counts[c] = g->counts[c];
+    }
+    return moldata::lattice_stamp(r, seed);
 }
 
 void stamp_text(uint32_t s, char out[17]) {

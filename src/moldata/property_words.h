@@ -18,13 +18,13 @@ struct PropertyWord {
     bool writes_file;         // a property file named with the word after the dash
     bool orbital;             // the file name carries the orbital number ("moa-3")
     bool is_signed;           // values take both signs (orbitals, spin, potential)
-    const char* description;  // "alpha orbital", for pictures
+    const char* description;  // "alpha orbital", for pictures and the usage text
 };
 
 // In lookup order: an input word queues the first entry it equals.
 // request, nargs, flag, missing, writes_file, orbital, is_signed, description
 inline constexpr PropertyWord kPropertyWords[] = {
-    {"-end", 0, -1, nullptr, false, false, false, nullptr},
+    {"-end", 0, -1, nullptr, false, false, false, "end of the run"},
     {"-ep", 0, DataFlags::kDensity, "Electrostatic potential not available for current molecule", true, false, true,
      "electrostatic potential"},
     {"-den", 0, DataFlags::kOccupied, "Total density not available for current molecule", true, false, false,
@@ -47,7 +47,8 @@ inline constexpr PropertyWord kPropertyWords[] = {
      "partial density"},
     {"-parts", 3, DataFlags::kOccupied, "Partial spin density not available for current molecule", true, false, true,
      "partial spin density"},
-    {"-chelp", 0, DataFlags::kDensity, "CHELP not available for current molecule", false, false, false, nullptr},
+    {"-chelp", 0, DataFlags::kDensity, "CHELP not available for current molecule", false, false, false,
+     "CHELPG charges fitted to the potential, report in JOBNAME.chelp"},
 };
 
 inline constexpr int kPropertyWordCount = static_cast<int>(std::size(kPropertyWords));

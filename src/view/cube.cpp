@@ -9,7 +9,7 @@ namespace kvx::view {
 namespace {
 
 constexpr const char* kTool = "kalvex-cube";
-constexpr const char* kUsage = "usage: kalvex-cube JOB FILE.grid [OUT.cube] [--storage-order]";
+constexpr const char* kUsage = "usage: kalvex-cube JOB FILE.grid [OUT.cube] [--storage-order] [--any-job]";
 
 std::string one_line(const std::string& s) {
     std::string out = s;
@@ -47,11 +47,15 @@ bool write_cube(std::FILE* f, const std::string comments[2], const PropertyFile&
 }
 
 int run_cube(int argc, char** argv) {
+    if (answer_help_or_version(kTool, kUsage, argc, argv)) return 0;
     std::vector<std::string> args;
     ValueOrder order = ValueOrder::kXFastest;
+    bool any_job = false;
     for (int i = 1; i < argc; ++i) {
         if (std::strcmp(argv[i], "--storage-order") == 0)
             order = ValueOrder::kStorage;
+        else if (std::strcmp(argv[i], "--any-job") == 0)
+            any_job = true;
         else if (argv[i][0] == '-' && argv[i][1] == '-')
             return report_failure(kTool, std::string("unknown option ") + argv[i] + "\n" + kUsage);
         else
@@ -65,15 +69,20 @@ int run_cube(int argc, char** argv) {
     PropertyFile pf;
     std::string error;
     if (!read_property_file(in, order, pf, error)) return report_failure(kTool, error);
-    std::vector<moldata::Atom> atoms;
-    if (!read_job_atoms(job, atoms, error)) return report_failure(kTool, error);
+    JobView jv;
+    if (!read_job(job, jv, error)) return report_failure(kTool, error);
+    if (!any_job)
+        if (const std::string foreign = foreign_file_message(in, pf, job, jv); !foreign.empty())
+            return report_failure(kTool, foreign);
 
     const PropertyName name = property_name_of(in);
     const std::string label = name.word.empty() ? "unknown property" : name.label();
+    const std::string definition = define_property(name, jv.closed_shell);
     const std::string comments[2] = {
-        "Kalvex cube: job " + job + ", property " + label,
+        "Kalvex cube: job " + job + ", property " + label + (definition.empty() ? "" : ": " + definition),
         "stamp " + std::to_string(pf.stamp) + ", from " + in + " (bohr; x outermost, z innermost)"};
-    if (!write_atomically(out, [&](std::FILE* f) { return write_cube(f, comments, pf, atoms); }, error))
+    if (!write_atomically(
+            out, [&](std::FILE* f) { return write_cube(f, comments, pf, jv.atoms); }, error))
         return report_failure(kTool, error);
     std::printf("Cube file: %s\n", out.c_str());
     return 0;

@@ -188,4 +188,17 @@ std::string describe_property(const PropertyName& name) {
     return name.orbital > 0 ? std::string(p->description) + " " + std::to_string(name.orbital) : p->description;
 }
 
+std::string define_property(const PropertyName& name, bool closed_shell) {
+    const std::string what = describe_property(name);
+    if (what.empty()) return what;
+    const moldata::PropertyWord* p = moldata::find_file_word(name.word);
+    if (p->orbital) return what + " with the displacement atom minus point (odd-l functions negated)";
+    if (name.word == "ep") return what + " of the nuclei and electrons";
+    std::string out = what;
+    if (closed_shell && (name.word == "dena" || name.word == "spin"))
+        out += ", for this closed-shell job the total density,";
+    if (name.word == "spin" && !closed_shell) out += " (alpha minus beta)";
+    return out + " without the cross terms between shells";
+}
+
 }  // namespace kvx::view

@@ -48,4 +48,10 @@ bool is_signed_property(const std::string& word);
 // "alpha orbital 3", "total density", ...; empty for an unknown word.
 std::string describe_property(const PropertyName& name);
 
+// The description with Kalvex's definition, for the comment line of a cube
+// file: densities without the cross terms between shells (and, for a
+// closed-shell job, alpha and spin densities equal to the total density),
+// orbitals with the displacement atom minus point. Empty for an unknown word.
+std::string define_property(const PropertyName& name, bool closed_shell);
+
 }  // namespace kvx::view

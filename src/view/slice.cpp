@@ -15,7 +15,7 @@ namespace {
 
 constexpr const char* kTool = "kalvex-slice";
 constexpr const char* kUsage =
-    "usage: kalvex-slice JOB FILE.grid --plane z=VALUE|y=VALUE|x=VALUE [OUT.svg] [--storage-order]";
+    "usage: kalvex-slice JOB FILE.grid --plane z=VALUE|y=VALUE|x=VALUE [OUT.svg] [--storage-order] [--any-job]";
 
 // Property files print six decimals: smaller magnitudes are rounding.
 constexpr double kFileResolution = 1e-6;
@@ -170,12 +170,16 @@ std::vector<AtomMark> atoms_near_plane(const Slice& s, const PropertyFile& pf, c
 }
 
 int run_slice(int argc, char** argv) {
+    if (answer_help_or_version(kTool, kUsage, argc, argv)) return 0;
     std::vector<std::string> args;
     ValueOrder order = ValueOrder::kXFastest;
     std::string plane_text;
+    bool any_job = false;
     for (int i = 1; i < argc; ++i) {
         if (std::strcmp(argv[i], "--storage-order") == 0) {
             order = ValueOrder::kStorage;
+        } else if (std::strcmp(argv[i], "--any-job") == 0) {
+            any_job = true;
         } else if (std::strcmp(argv[i], "--plane") == 0) {
             if (i + 1 >= argc) return report_failure(kTool, kUsage);
             plane_text = argv[++i];
@@ -209,8 +213,12 @@ int run_slice(int argc, char** argv) {
                                          char('x' + h) + " and " + char('x' + v) + "; the grid has " +
                                          std::to_string(pf.count[h]) + " and " + std::to_string(pf.count[v]));
     }
-    std::vector<moldata::Atom> atoms;
-    if (!read_job_atoms(job, atoms, error)) return report_failure(kTool, error);
+    JobView jv;
+    if (!read_job(job, jv, error)) return report_failure(kTool, error);
+    if (!any_job)
+        if (const std::string foreign = foreign_file_message(in, pf, job, jv); !foreign.empty())
+            return report_failure(kTool, foreign);
+    const std::vector<moldata::Atom>& atoms = jv.atoms;
 
     const PropertyName name = property_name_of(in);
     bool signed_property = is_signed_property(name.word);

@@ -1,11 +1,15 @@
 #include "view/tool_io.h"
 
+#include <cstring>
+
 #include "common/output_file.h"
+#include "common/version.h"
 #include "moldata/reader.h"
+#include "view/stamp_check.h"
 
 namespace kvx::view {
 
-bool read_job_atoms(const std::string& job, std::vector<moldata::Atom>& atoms, std::string& error) {
+bool read_job(const std::string& job, JobView& out, std::string& error) {
     moldata::MoleculeLoad load = moldata::build_molecule(job);
     std::fflush(stdout);
     if (load.error) {
@@ -17,8 +21,32 @@ bool read_job_atoms(const std::string& job, std::vector<moldata::Atom>& atoms, s
         error = "cannot read job " + job + " (no atoms in " + job + ".coord or " + job + ".kvm)";
         return false;
     }
-    atoms = mol->atoms;
+    out.atoms = mol->atoms;
+    out.density_checksum = static_cast<std::uint32_t>(mol->density_checksum);
+    out.closed_shell = mol->restricted != 0;
     return true;
+}
+
+std::string foreign_file_message(const std::string& file, const PropertyFile& pf, const std::string& job,
+                                 const JobView& jv) {
+    if (check_job_stamp(pf, jv.atoms, jv.density_checksum) != StampFit::kOtherJob) return "";
+    return file + " belongs to another job, not to " + job + ": its stamp " + std::to_string(pf.stamp) +
+           " fits no grid Kalvex builds for " + job + " (density checksum " + std::to_string(jv.density_checksum) +
+           "); --any-job uses it anyway";
+}
+
+bool answer_help_or_version(const char* tool, const char* usage, int argc, char** argv) {
+    for (int i = 1; i < argc; ++i) {
+        if (std::strcmp(argv[i], "--help") == 0 || std::strcmp(argv[i], "-h") == 0) {
+            std::printf("%s\n", usage);
+            return true;
+        }
+        if (std::strcmp(argv[i], "--version") == 0) {
+            std::printf("%s\n", common::version_line(tool).c_str());
+            return true;
+        }
+    }
+    return false;
 }
 
 bool write_atomically(const std::string& path, const std::function<bool(std::FILE*)>& write, std::string& error) {

@@ -110,7 +110,12 @@ TEST_P(OrbitalGrid, MatchesBruteForceWithinScreeningBound) {
     grid::gto_free();
 }
 
-INSTANTIATE_TEST_SUITE_P(AllTypes, OrbitalGrid, ::testing::Range(1, 11));
+// Named by the basis file's shell label.
+std::string shell_label(const ::testing::TestParamInfo<int>& info) {
+    static const char* const kLabel[] = {"", "s", "p", "l", "d", "d6", "f", "f10", "g15", "h21", "i28"};
+    return kLabel[info.param];
+}
+INSTANTIATE_TEST_SUITE_P(AllTypes, OrbitalGrid, ::testing::Range(1, 11), shell_label);
 
 // A mixed basis (cartesian and spherical d, sp, general contraction) on three
 // atoms, so shells overlap and the omitted cross terms would show.
@@ -224,6 +229,7 @@ TEST_P(ReferencePoints, OrbitalsMatchIndependentProgram) {
     grid::gto_free();
 }
 
-INSTANTIATE_TEST_SUITE_P(Jobs, ReferencePoints, ::testing::Values("water", "ohrad"));
+INSTANTIATE_TEST_SUITE_P(Jobs, ReferencePoints, ::testing::Values("water", "ohrad"),
+                         [](const ::testing::TestParamInfo<const char*>& info) { return std::string(info.param); });
 
 }  // namespace

@@ -22,6 +22,8 @@ struct Case {
     int type, l;
 };
 
+void PrintTo(const Case& c, std::ostream* os) { *os << "shell type " << c.type << " (l = " << c.l << ")"; }
+
 // The orbital grid of basis function k alone (coefficient vector e_k).
 std::vector<double> function_on_grid(const test::MolBuilder& b, const grid::Grid& g, int k) {
     auto set = std::make_unique<moldata::OrbitalSet>();

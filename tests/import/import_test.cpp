@@ -78,6 +78,10 @@ struct Case {
     int one_set_nbeta = 0;  // > 0: import one_set() of the file
 };
 
+void PrintTo(const Case& c, std::ostream* os) {
+    *os << c.file << (c.one_set_nbeta ? " as one orbital set" : "") << " (" << c.job << ".ref)";
+}
+
 class Psi4Import : public ::testing::TestWithParam<Case> {};
 
 // One kalvex run in single-point mode answers every point: per point one

@@ -92,6 +92,8 @@ struct Case {
     const char* kind;  // expected in the report
 };
 
+void PrintTo(const Case& c, std::ostream* os) { *os << c.dir << "/" << c.file; }
+
 class WriterImport : public ::testing::TestWithParam<Case> {};
 
 // Orbitals to 2e-6 (kalvex prints six decimals; the programs print ten), the

@@ -136,6 +136,41 @@ TEST_F(CubeTool, OpenBabelReadsTheAtomsBack) {
     }
 }
 
+// The first comment line says which density (or orbital convention) the
+// values are: Kalvex's densities leave out the cross terms between shells,
+// and a closed-shell job's alpha and spin densities are its total density.
+TEST_F(CubeTool, CommentLineNamesKalvexsDefinition) {
+    for (const char* ext : {".control", ".coord", ".basis", ".mos", ".mob"})
+        fs::copy_file(fs::path(KVX_TEST_DATA) / "ohrad" / (std::string("ohrad") + ext),
+                      d.path() / (std::string("ohrad") + ext));
+    ASSERT_EQ(d.kalvex("-xp 4 -yp 4 -zp 4 -base c -den -dena -spin").status, 0);
+    ASSERT_EQ(d.run("'" KVX_BINARY "' ohrad -xp 4 -yp 4 -zp 4 -base o -spin -denb </dev/null").status, 0);
+    const std::pair<const char*, const char*> cases[] = {
+        {"water c-den.grid",
+         "Kalvex cube: job water, property den: total density without the cross terms between shells"},
+        {"water c-dena.grid",
+         "Kalvex cube: job water, property dena: alpha density, for this closed-shell job the "
+         "total density, without the cross terms between shells"},
+        {"water c-spin.grid",
+         "Kalvex cube: job water, property spin: spin density, for this closed-shell job the "
+         "total density, without the cross terms between shells"},
+        {"water w-moa-3.grid",
+         "Kalvex cube: job water, property moa-3: alpha orbital 3 with the displacement atom "
+         "minus point (odd-l functions negated)"},
+        {"ohrad o-spin.grid",
+         "Kalvex cube: job ohrad, property spin: spin density (alpha minus beta) without the "
+         "cross terms between shells"},
+        {"ohrad o-denb.grid",
+         "Kalvex cube: job ohrad, property denb: beta density without the cross terms between "
+         "shells"},
+    };
+    for (const auto& [args, first] : cases) {
+        ASSERT_EQ(d.run(tool("kalvex-cube") + " " + args + " out.cube").status, 0) << args;
+        const Cube c = read_cube(d.path() / "out.cube");
+        EXPECT_EQ(c.comments.substr(0, c.comments.find('\n')), first) << args;
+    }
+}
+
 TEST_F(CubeTool, RefusalsGiveOneMessageStatusOneAndNoFile) {
     // Header promising one plane more than the file holds.
     std::string text = slurp(d.path() / "w-moa-3.grid");
