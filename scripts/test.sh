@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Builds and runs the whole test suite twice: a Release build, then an
-# AddressSanitizer + UndefinedBehaviorSanitizer build. The tests run with a
-# temporary folder of their own as TMPDIR, which must be empty afterwards:
-# a test that leaves a file behind fails the run.
+# AddressSanitizer + UndefinedBehaviorSanitizer build, then (with clang) short fuzz runs
+# of every reader (scripts/fuzz.sh smoke). The tests run with a temporary
+# folder of their own as TMPDIR, which must be empty afterwards: a test that
+# leaves a file behind fails the run.
 set -euo pipefail
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 "$root/scripts/setup.sh" --tests
@@ -28,3 +29,6 @@ echo "== AddressSanitizer + UndefinedBehaviorSanitizer build"
 (cd "$root/build/asan" && TMPDIR="$scratch" ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
     UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 ctest --output-on-failure -j "$jobs")
 left_behind
+
+echo "== Fuzz smoke runs (clang libFuzzer, ASan + UBSan): reproducers, then a few seconds per reader"
+"$root/scripts/fuzz.sh" smoke

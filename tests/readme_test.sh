@@ -5,7 +5,8 @@
 # one shell, in a copy of the top folder: the Quick start first (the demo,
 # export PATH, cd out/demo), then each example. The one line not run as
 # written is the demo's: it runs without building (the tools are installed
-# already). Any failing command, or anything on standard error, fails.
+# already); the test command's is left out (it is this test's caller).
+# Any failing command, or anything on standard error, fails.
 set -euo pipefail
 build="$(cd "$1" && pwd)"
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
@@ -19,8 +20,8 @@ cp -r "$root/scripts" "$root/examples" "$tmp/kalvex/"
 
 # The sh blocks, each line as written but the demo's.
 awk '/^```sh$/ { inside = 1; next } /^```/ { inside = 0; next } inside' "$root/README.md" |
-    sed -E 's|^bash scripts/demo\.sh( .*)?$|PATH="$HOME/.local/bin:$PATH" bash scripts/demo.sh --no-build|' \
-        >"$tmp/readme.sh"
+    sed -E -e 's|^bash scripts/demo\.sh( .*)?$|PATH="$HOME/.local/bin:$PATH" bash scripts/demo.sh --no-build|' \
+        -e '/^bash scripts\/test\.sh/d' >"$tmp/readme.sh"
 grep -q -- '--no-build' "$tmp/readme.sh" || {
     echo "readme_commands: no 'bash scripts/demo.sh' line in the README's Quick start" >&2
     exit 1

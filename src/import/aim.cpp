@@ -374,10 +374,11 @@ SourceJob read_wfx(const std::vector<std::string>& lines) {
     const std::vector<double> xyz = reals("Nuclear Cartesian Coordinates", static_cast<std::size_t>(3 * natom));
     for (long a = 0; a < natom; ++a) {
         SourceAtom at;
-        if (zs[static_cast<std::size_t>(a)] != std::floor(zs[static_cast<std::size_t>(a)]) || zs[static_cast<std::size_t>(a)] < 0 ||
-            zs[static_cast<std::size_t>(a)] > 118)
-            throw ImportError("atomic numbers must be whole numbers from 0 to 118", need("Atomic Numbers").line);
-        at.atomic_number = static_cast<int>(zs[static_cast<std::size_t>(a)]);
+        const Block& zb = need("Atomic Numbers");
+        at.atomic_number = static_cast<int>(whole(zb.values[static_cast<std::size_t>(a)],
+                                                  zb.value_lines[static_cast<std::size_t>(a)], "an atomic number"));
+        if (at.atomic_number < 0 || at.atomic_number > 118)
+            throw ImportError("atomic numbers run from 0 to 118", zb.value_lines[static_cast<std::size_t>(a)]);
         at.nuclear_charge = qs[static_cast<std::size_t>(a)];
         at.x = xyz[static_cast<std::size_t>(3 * a)];
         at.y = xyz[static_cast<std::size_t>(3 * a + 1)];
@@ -387,12 +388,12 @@ SourceJob read_wfx(const std::vector<std::string>& lines) {
     d.line_primitives = need("Primitive Types").line;
     const std::vector<double> centres = reals("Primitive Centers", static_cast<std::size_t>(nprim));
     const std::vector<double> types = reals("Primitive Types", static_cast<std::size_t>(nprim));
+    const Block& centre_block = need("Primitive Centers");
+    const Block& type_block = need("Primitive Types");
     for (std::size_t p = 0; p < centres.size(); ++p) {
-        if (centres[p] != std::floor(centres[p]) || types[p] != std::floor(types[p]) || std::fabs(centres[p]) > 1e9 ||
-            std::fabs(types[p]) > 1e9)
-            throw ImportError("primitive centres and types must be whole numbers", d.line_primitives);
-        d.centres.push_back(static_cast<int>(centres[p]));
-        d.types.push_back(static_cast<int>(types[p]));
+        d.centres.push_back(
+            static_cast<int>(whole(centre_block.values[p], centre_block.value_lines[p], "a centre number")));
+        d.types.push_back(static_cast<int>(whole(type_block.values[p], type_block.value_lines[p], "a primitive type")));
     }
     d.exponents = reals("Primitive Exponents", static_cast<std::size_t>(nprim));
     const std::vector<double> occ = reals("Molecular Orbital Occupation Numbers", static_cast<std::size_t>(nmo));
@@ -429,7 +430,7 @@ SourceJob read_wfx(const std::vector<std::string>& lines) {
     SourceJob job = aim_job(d, "AIM wfx");
     if (blocks.count("Net Charge")) {
         const Block& b = need("Net Charge");
-        if (b.values.size() == 1) job.charge = static_cast<int>(std::lround(number(b.values[0], b.line, "the net charge")));
+        if (b.values.size() == 1) job.charge = static_cast<int>(whole(b.values[0], b.value_lines[0], "the net charge"));
     }
     if (blocks.count("Electronic Spin Multiplicity"))
         job.multiplicity = static_cast<int>(count("Electronic Spin Multiplicity"));

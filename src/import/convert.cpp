@@ -11,6 +11,7 @@
 
 #include "gauss/spherical.h"
 #include "import/harmonics.h"
+#include "import/replace.h"
 #include "moldata/basis.h"
 #include "moldata/orbitals.h"
 #include "moldata/reader.h"
@@ -388,22 +389,30 @@ struct Scratch {
     }
 };
 
-}  // namespace
+// Where each source shell goes: the atoms' shells, the first source
+// function of each shell, and the Kalvex shells atom by atom.
+struct Layout {
+    std::vector<std::vector<int>> atom_shells;
+    std::vector<int> source_first;
+    std::vector<TargetShell> targets;
+    int nbasis = 0, nprim = 0;
+};
 
-ImportReport write_kalvex_job(const SourceJob& job, const std::string& jobname, const std::string& source_name) {
+Layout plan_layout(const SourceJob& job) {
     const int natoms = static_cast<int>(job.atoms.size());
     if (natoms == 0) throw ImportError("the file holds no atoms", 0);
     if (job.alpha.empty()) throw ImportError("the file holds no orbitals", 0);
-
-    std::vector<std::vector<int>> atom_shells(static_cast<std::size_t>(natoms));
-    std::vector<int> source_first(job.shells.size());
+    Layout lay;
+    lay.atom_shells.resize(static_cast<std::size_t>(natoms));
+    lay.source_first.resize(job.shells.size());
     int nsource = 0;
     for (std::size_t i = 0; i < job.shells.size(); ++i) {
         const SourceShell& s = job.shells[i];
-        if (s.atom < 0 || s.atom >= natoms) throw ImportError("a shell sits on atom " + std::to_string(s.atom + 1) + ", which does not exist", 0);
+        if (s.atom < 0 || s.atom >= natoms)
+            throw ImportError("a shell sits on atom " + std::to_string(s.atom + 1) + ", which does not exist", 0);
         kalvex_type(s);
-        atom_shells[static_cast<std::size_t>(s.atom)].push_back(static_cast<int>(i));
-        source_first[i] = nsource;
+        lay.atom_shells[static_cast<std::size_t>(s.atom)].push_back(static_cast<int>(i));
+        lay.source_first[i] = nsource;
         nsource += s.nfunc();
     }
     if (nsource != job.nbasis)
@@ -412,39 +421,40 @@ ImportReport write_kalvex_job(const SourceJob& job, const std::string& jobname, 
                           0);
     for (const auto* set : {&job.alpha, &job.beta})
         for (const auto& orb : *set)
-            if (static_cast<int>(orb.coef.size()) != job.nbasis) throw ImportError("an orbital has the wrong number of coefficients", 0);
+            if (static_cast<int>(orb.coef.size()) != job.nbasis)
+                throw ImportError("an orbital has the wrong number of coefficients", 0);
 
-    const Occupations occ = sort_occupations(job);
-    const std::vector<std::string> labels = atom_labels(job, atom_shells);
-
-    // Kalvex shells, atom by atom.
-    std::vector<TargetShell> targets;
-    int nbasis = 0, nprim = 0;
     for (int a = 0; a < natoms; ++a)
-        for (int si : atom_shells[static_cast<std::size_t>(a)]) {
+        for (int si : lay.atom_shells[static_cast<std::size_t>(a)]) {
             const int type = kalvex_type(job.shells[static_cast<std::size_t>(si)]);
-            targets.push_back({a, si, type, 0, false});
-            nbasis += gauss::kShellSize[type];
-            nprim += static_cast<int>(job.shells[static_cast<std::size_t>(si)].exponents.size());
+            lay.targets.push_back({a, si, type, 0, false});
+            lay.nbasis += gauss::kShellSize[type];
+            lay.nprim += static_cast<int>(job.shells[static_cast<std::size_t>(si)].exponents.size());
         }
-    if (targets.empty()) throw ImportError("the file holds no basis functions", 0);
-    if (nbasis > moldata::kMaxBasisFunctions)
-        throw ImportError("the job needs " + std::to_string(nbasis) + " Kalvex basis functions, more than the " +
+    if (lay.targets.empty()) throw ImportError("the file holds no basis functions", 0);
+    if (lay.nbasis > moldata::kMaxBasisFunctions)
+        throw ImportError("the job needs " + std::to_string(lay.nbasis) + " Kalvex basis functions, more than the " +
                               std::to_string(moldata::kMaxBasisFunctions) + " Kalvex reads",
                           0);
+    return lay;
+}
 
-    int electrons = occ.restricted && !occ.restricted_open ? 2 * occ.nalpha : occ.nalpha + occ.nbeta;
+// Counts, charge and multiplicity of the job written, checked against the
+// counts the file states.
+ImportReport start_report(const SourceJob& job, const Layout& lay, const Occupations& occ) {
+    const bool closed = occ.restricted && !occ.restricted_open;
+    const int electrons = closed ? 2 * occ.nalpha : occ.nalpha + occ.nbeta;
     double nuclear = 0;
     for (const auto& at : job.atoms) nuclear += at.nuclear_charge;
     ImportReport rep;
-    rep.natoms = natoms;
-    rep.nshells = static_cast<int>(targets.size());
-    rep.nbasis = nbasis;
+    rep.natoms = static_cast<int>(job.atoms.size());
+    rep.nshells = static_cast<int>(lay.targets.size());
+    rep.nbasis = lay.nbasis;
     rep.nbasis_source = job.nbasis;
     rep.nalpha = occ.nalpha;
-    rep.nbeta = occ.restricted && !occ.restricted_open ? occ.nalpha : occ.nbeta;
+    rep.nbeta = closed ? occ.nalpha : occ.nbeta;
     rep.charge = static_cast<int>(std::lround(nuclear)) - electrons;
-    rep.multiplicity = occ.restricted && !occ.restricted_open ? 1 : std::abs(occ.nalpha - occ.nbeta) + 1;
+    rep.multiplicity = closed ? 1 : std::abs(occ.nalpha - occ.nbeta) + 1;
     if (job.multiplicity && !occ.restricted) rep.multiplicity = *job.multiplicity;
     rep.restricted = occ.restricted;
     rep.restricted_open = occ.restricted_open;
@@ -458,6 +468,121 @@ ImportReport write_kalvex_job(const SourceJob& job, const std::string& jobname, 
         throw ImportError("the file counts " + std::to_string(*job.nbeta) + " beta electrons, its orbitals " +
                               std::to_string(rep.nbeta),
                           0);
+    return rep;
+}
+
+// Orbitals over Kalvex's functions under one convention, for the molecule
+// read back with that convention's basis file.
+std::vector<double> transform(const SourceJob& job, const Layout& lay, const std::vector<SourceOrbital>& set,
+                              const Convention& conv, const std::vector<TargetShell>& placed) {
+    const std::size_t nbasis = static_cast<std::size_t>(lay.nbasis);
+    std::vector<double> C(set.size() * nbasis, 0.0);
+    for (const TargetShell& t : placed) {
+        const SourceShell& s = job.shells[static_cast<std::size_t>(t.source)];
+        const int nf = s.nfunc(), nk = gauss::kShellSize[t.type];
+        const std::vector<double> M = coefficient_map(source_functions(s, job.cartesian, conv), nf,
+                                                      kalvex_functions(t.type), nk, shell_monomials(s));
+        const int src0 = lay.source_first[static_cast<std::size_t>(t.source)];
+        for (std::size_t o = 0; o < set.size(); ++o) {
+            double* out = C.data() + o * nbasis + t.first;
+            const double* in = set[o].coef.data() + src0;
+            for (int m = 0; m < nf; ++m)
+                for (int k = 0; k < nk; ++k) out[k] += in[m] * M[static_cast<std::size_t>(m) * nk + k];
+        }
+    }
+    return C;
+}
+
+// The convention whose orbitals are orthonormal in the overlap of the basis
+// written for it, read back as kalvex reads it.
+struct Choice {
+    std::vector<double> Ca, Cb;
+    std::unique_ptr<moldata::Molecule> molecule;
+    std::string basis;
+    Orthonormality error{HUGE_VAL, HUGE_VAL};
+};
+
+Choice choose_convention(const SourceJob& job, const Layout& lay, const Occupations& occ,
+                         const std::vector<std::string>& labels, const std::string& tmpjob, ImportReport& rep) {
+    // The smallest error wins; a later convention must halve it (equal
+    // conventions keep the first name).
+    std::vector<Convention> conventions = job.conventions;
+    if (conventions.empty()) conventions.push_back({"normalised primitives and functions"});
+    Choice best;
+    for (const Convention& conv : conventions) {
+        const std::string basis = basis_text(job, conv, labels, lay.atom_shells, lay.nbasis, rep.nshells, lay.nprim);
+        write_text(tmpjob + ".basis", basis);
+        moldata::MoleculeLoad load = moldata::build_molecule(tmpjob);
+        if (load.error) throw ImportError("Kalvex cannot read back the job written: " + load.error.message, 0);
+        std::unique_ptr<moldata::Molecule> read_back = std::move(load.molecule);
+        if (!read_back || !read_back->has_shells() || read_back->nbasis != lay.nbasis || !read_back->overlap)
+            throw ImportError("Kalvex cannot read back the basis written for this job", 0);
+        std::vector<TargetShell> placed = lay.targets;
+        place_shells(job, *read_back, placed);
+        std::vector<double> a = transform(job, lay, occ.alpha, conv, placed);
+        std::vector<double> b = transform(job, lay, occ.beta, conv, placed);
+        const Orthonormality err =
+            worse(orthonormality(*read_back->overlap, a.data(), rep.norb_alpha, occ.nalpha, lay.nbasis),
+                  orthonormality(*read_back->overlap, b.data(), rep.norb_beta, occ.nbeta, lay.nbasis));
+        if (!best.molecule || err.all < 0.5 * best.error.all) {
+            best = {std::move(a), std::move(b), std::move(read_back), basis, err};
+            rep.convention = conv.name;
+        }
+    }
+    if (!best.error.ok())
+        throw ImportError("the orbitals are not orthonormal in the basis Kalvex reads under any known normalisation (" +
+                              orthonormality_text(best.error) + "; tolerances 1e-6 and 1e-3): a damaged file or an " +
+                              "unknown convention; nothing written",
+                          0);
+    return best;
+}
+
+// The orbital files of the chosen convention, read back into its molecule
+// as kalvex reads them and checked once more; returns their extensions.
+std::vector<std::string> write_orbital_files(Choice& best, const Occupations& occ, int nbasis,
+                                             const std::string& tmpjob, ImportReport& rep) {
+    auto orbital_set = [&](const std::vector<SourceOrbital>& set, std::vector<double>& C) {
+        moldata::OrbitalSet os;
+        os.count = static_cast<int>(set.size());
+        os.valid = 1;
+        os.coef.rows = os.count;
+        os.coef.cols = nbasis;
+        os.coef.data = std::move(C);
+        for (const auto& o : set) os.energy.push_back(o.energy);
+        os.has_energy = true;
+        return os;
+    };
+    std::vector<std::string> exts = {".mos"};
+    if (!moldata::write_binary_orbitals(tmpjob + ".mos", orbital_set(occ.alpha, best.Ca)))
+        throw ImportError("cannot write " + tmpjob + ".mos", 0);
+    if (!occ.restricted) {
+        if (!moldata::write_binary_orbitals(tmpjob + ".mob", orbital_set(occ.beta, best.Cb)))
+            throw ImportError("cannot write " + tmpjob + ".mob", 0);
+        exts.push_back(".mob");
+    }
+
+    moldata::Molecule& km = *best.molecule;
+    moldata::read_orbitals(km, tmpjob);
+    km.flags = moldata::compute_flags(km);
+    if (!(*km.flags)[moldata::DataFlags::kAlpha] || (!occ.restricted && !(*km.flags)[moldata::DataFlags::kBeta]))
+        throw ImportError("Kalvex cannot read back the orbitals written", 0);
+    rep.orthonormality = orthonormality(*km.overlap, km.alpha->coef.data.data(), km.alpha->count, occ.nalpha, nbasis);
+    if (km.beta)
+        rep.orthonormality = worse(rep.orthonormality, orthonormality(*km.overlap, km.beta->coef.data.data(),
+                                                                      km.beta->count, occ.nbeta, nbasis));
+    if (!rep.orthonormality.ok())
+        throw ImportError(
+            "the orbitals read back are not orthonormal (" + orthonormality_text(rep.orthonormality) + ")", 0);
+    return exts;
+}
+
+}  // namespace
+
+ImportReport write_kalvex_job(const SourceJob& job, const std::string& jobname, const std::string& source_name) {
+    const Layout lay = plan_layout(job);
+    const Occupations occ = sort_occupations(job);
+    const std::vector<std::string> labels = atom_labels(job, lay.atom_shells);
+    ImportReport rep = start_report(job, lay, occ);
 
     const fs::path dest(jobname);
     const fs::path parent = dest.has_parent_path() ? dest.parent_path() : fs::path(".");
@@ -472,112 +597,20 @@ ImportReport write_kalvex_job(const SourceJob& job, const std::string& jobname, 
         if (job.atoms[a].nuclear_charge != job.atoms[a].atomic_number)
             rep.valence_charges.emplace_back(labels[a], job.atoms[a].nuclear_charge);
 
-    // Orbitals over Kalvex's functions under one convention, for the
-    // molecule read back with that convention's basis file.
-    auto transform = [&](const std::vector<SourceOrbital>& set, const Convention& conv,
-                         const std::vector<TargetShell>& placed) {
-        std::vector<double> C(set.size() * static_cast<std::size_t>(nbasis), 0.0);
-        for (const TargetShell& t : placed) {
-            const SourceShell& s = job.shells[static_cast<std::size_t>(t.source)];
-            const int nf = s.nfunc(), nk = gauss::kShellSize[t.type];
-            const std::vector<double> M = coefficient_map(source_functions(s, job.cartesian, conv), nf,
-                                                          kalvex_functions(t.type), nk, shell_monomials(s));
-            const int src0 = source_first[static_cast<std::size_t>(t.source)];
-            for (std::size_t o = 0; o < set.size(); ++o) {
-                double* out = C.data() + o * nbasis + t.first;
-                const double* in = set[o].coef.data() + src0;
-                for (int m = 0; m < nf; ++m)
-                    for (int k = 0; k < nk; ++k) out[k] += in[m] * M[static_cast<std::size_t>(m) * nk + k];
-            }
-        }
-        return C;
-    };
+    Choice best = choose_convention(job, lay, occ, labels, tmpjob, rep);
+    write_text(tmpjob + ".basis", best.basis);
+    std::vector<std::string> exts = {".control", ".coord", ".basis"};
+    for (const std::string& e : write_orbital_files(best, occ, lay.nbasis, tmpjob, rep)) exts.push_back(e);
 
-    // Every convention the format allows: its basis file is written and read
-    // back as kalvex reads it, and its orbitals are checked in that overlap.
-    // The smallest error wins; a later convention must halve it (equal
-    // conventions keep the first name).
-    std::vector<Convention> conventions = job.conventions;
-    if (conventions.empty()) conventions.push_back({"normalised primitives and functions"});
-    std::vector<double> Ca, Cb;
-    std::unique_ptr<moldata::Molecule> best_mol;
-    std::string best_basis;
-    Orthonormality best{HUGE_VAL, HUGE_VAL};
-    for (const Convention& conv : conventions) {
-        const std::string basis = basis_text(job, conv, labels, atom_shells, nbasis, rep.nshells, nprim);
-        write_text(tmpjob + ".basis", basis);
-        moldata::MoleculeLoad load = moldata::build_molecule(tmpjob);
-        if (load.error) throw ImportError("Kalvex cannot read back the job written: " + load.error.message, 0);
-        std::unique_ptr<moldata::Molecule> read_back = std::move(load.molecule);
-        if (!read_back || !read_back->has_shells() || read_back->nbasis != nbasis || !read_back->overlap)
-            throw ImportError("Kalvex cannot read back the basis written for this job", 0);
-        std::vector<TargetShell> placed = targets;
-        place_shells(job, *read_back, placed);
-        std::vector<double> a = transform(occ.alpha, conv, placed), b = transform(occ.beta, conv, placed);
-        const Orthonormality err =
-            worse(orthonormality(*read_back->overlap, a.data(), rep.norb_alpha, occ.nalpha, nbasis),
-                  orthonormality(*read_back->overlap, b.data(), rep.norb_beta, occ.nbeta, nbasis));
-        if (!best_mol || err.all < 0.5 * best.all) {
-            best = err;
-            Ca = std::move(a);
-            Cb = std::move(b);
-            best_mol = std::move(read_back);
-            best_basis = basis;
-            rep.convention = conv.name;
-        }
-    }
-    if (!best.ok())
-        throw ImportError("the orbitals are not orthonormal in the basis Kalvex reads under any known normalisation (" +
-                              orthonormality_text(best) + "; tolerances 1e-6 and 1e-3): a damaged file or an " +
-                              "unknown convention; nothing written",
-                          0);
-    write_text(tmpjob + ".basis", best_basis);
-    moldata::Molecule& km = *best_mol;
-
-    auto orbital_set = [&](const std::vector<SourceOrbital>& set, std::vector<double>& C) {
-        moldata::OrbitalSet os;
-        os.count = static_cast<int>(set.size());
-        os.valid = 1;
-        os.coef.rows = os.count;
-        os.coef.cols = nbasis;
-        os.coef.data = std::move(C);
-        for (const auto& o : set) os.energy.push_back(o.energy);
-        os.has_energy = true;
-        return os;
-    };
-    std::vector<std::string> exts = {".control", ".coord", ".basis", ".mos"};
-    if (!moldata::write_binary_orbitals(tmpjob + ".mos", orbital_set(occ.alpha, Ca)))
-        throw ImportError("cannot write " + tmpjob + ".mos", 0);
-    if (!occ.restricted) {
-        if (!moldata::write_binary_orbitals(tmpjob + ".mob", orbital_set(occ.beta, Cb)))
-            throw ImportError("cannot write " + tmpjob + ".mob", 0);
-        exts.push_back(".mob");
-    }
-
-    // The orbital files as kalvex reads them, into the molecule whose basis and
-    // overlap were read back above.
-    moldata::read_orbitals(km, tmpjob);
-    km.flags = moldata::compute_flags(km);
-    if (!(*km.flags)[moldata::DataFlags::kAlpha] || (!occ.restricted && !(*km.flags)[moldata::DataFlags::kBeta]))
-        throw ImportError("Kalvex cannot read back the orbitals written", 0);
-    rep.orthonormality = orthonormality(*km.overlap, km.alpha->coef.data.data(), km.alpha->count, occ.nalpha, nbasis);
-    if (km.beta)
-        rep.orthonormality = worse(rep.orthonormality, orthonormality(*km.overlap, km.beta->coef.data.data(),
-                                                                      km.beta->count, occ.nbeta, nbasis));
-    if (!rep.orthonormality.ok())
-        throw ImportError("the orbitals read back are not orthonormal (" + orthonormality_text(rep.orthonormality) + ")", 0);
-
-    for (const std::string& e : exts) {
-        std::error_code ec;
-        fs::rename(tmpjob + e, jobname + e, ec);
-        if (ec) throw ImportError("cannot move " + jobname + e + " into place: " + ec.message(), 0);
-        rep.written.push_back(jobname + e);
-    }
-    for (const char* e : {".mob", ".los", ".loc", ".nos", ".sym"}) {
-        if (std::find(exts.begin(), exts.end(), e) != exts.end()) continue;
-        std::error_code ec;
-        if (fs::exists(jobname + e, ec) && fs::remove(jobname + e, ec)) rep.removed.push_back(jobname + e);
-    }
+    // Every file of the new job, or (on any failure) every file of the
+    // earlier one: the earlier files wait in the scratch folder until all
+    // the new ones are in place. Files of an earlier job that kalvex would
+    // mix in go with them.
+    std::vector<std::string> stale;
+    for (const char* e : {".mob", ".los", ".loc", ".nos", ".sym"})
+        if (std::find(exts.begin(), exts.end(), e) == exts.end()) stale.push_back(e);
+    rep.removed = replace_job_files(tmpjob, jobname, exts, stale, (scratch.dir / "earlier").string());
+    for (const std::string& e : exts) rep.written.push_back(jobname + e);
     return rep;
 }
 

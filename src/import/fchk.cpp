@@ -56,8 +56,14 @@ Entries parse_entries(const std::vector<std::string>& lines) {
         for (std::size_t k = 0; k < name_end; ++k) name += (k ? " " : "") + t[k];
         ++i;
         const bool numeric = e.type == 'I' || e.type == 'R';
+        // Integer entries are read as integers, never cast from a real number.
+        const std::string integer_what = "an integer (\"" + name + "\")";
+        auto value = [&](const std::string& tok, int line_no) {
+            return e.type == 'I' ? static_cast<double>(integer(tok, line_no, integer_what.c_str()))
+                                 : number(tok, line_no, "a number");
+        };
         if (!e.array) {
-            if (numeric) e.values.push_back(number(t.back(), e.line, "a number"));
+            if (numeric) e.values.push_back(value(t.back(), e.line));
         } else {
             // Values until the next header; count them against N=.
             for (; i < n && !is_header(lines[static_cast<std::size_t>(i)]); ++i) {
@@ -65,7 +71,7 @@ Entries parse_entries(const std::vector<std::string>& lines) {
                 for (const auto& v : tokens(lines[static_cast<std::size_t>(i)])) {
                     if (static_cast<long>(e.values.size()) >= count)
                         throw ImportError("\"" + name + "\" holds more than its " + std::to_string(count) + " values", i + 1);
-                    e.values.push_back(number(v, i + 1, "a number"));
+                    e.values.push_back(value(v, i + 1));
                 }
             }
             if (numeric && static_cast<long>(e.values.size()) != count)
@@ -84,15 +90,18 @@ const Entry& need(const Entries& es, const std::string& name) {
     return it->second;
 }
 
+// Values of integer entries were read as 32-bit integers: exact in a double.
 int need_int(const Entries& es, const std::string& name) {
     const Entry& e = need(es, name);
     if (e.values.size() != 1 || e.type != 'I') throw ImportError("\"" + name + "\" should be one integer", e.line);
     return static_cast<int>(e.values[0]);
 }
 
-// Integer entries are exact in a double; anything else is a broken file.
-int as_int(double v, int line) {
-    if (v != std::floor(v) || std::fabs(v) > 2147483647.0) throw ImportError("expected an integer", line);
+// An integer from an array: exact when the entry is an integer one; a real
+// entry in its place must hold whole numbers of 32 bits.
+int as_int(const Entry& e, double v) {
+    if (e.type != 'I' && (v != std::floor(v) || std::fabs(v) > 2147483647.0))
+        throw ImportError("expected integers, found " + std::to_string(v) + ": not an integer", e.line);
     return static_cast<int>(v);
 }
 
@@ -132,7 +141,7 @@ SourceJob read_fchk(const std::vector<std::string>& lines) {
         throw ImportError("the nuclear charges do not match the atoms", charges->second.line);
     for (std::size_t a = 0; a < natoms; ++a) {
         SourceAtom at;
-        at.atomic_number = as_int(zs.values[a], zs.line);
+        at.atomic_number = as_int(zs, zs.values[a]);
         if (at.atomic_number < 0 || at.atomic_number > 118) throw ImportError("atomic number out of range", zs.line);
         at.nuclear_charge = charges != es.end() ? charges->second.values[a] : at.atomic_number;
         at.x = xyz.values[3 * a];
@@ -153,16 +162,16 @@ SourceJob read_fchk(const std::vector<std::string>& lines) {
     std::size_t p0 = 0;
     for (std::size_t s = 0; s < nshell; ++s) {
         SourceShell sh;
-        const int t = as_int(types.values[s], types.line);
+        const int t = as_int(types, types.values[s]);
         sh.sp = t == -1;
         sh.l = sh.sp ? 1 : std::abs(t);
         sh.pure = t <= -2;
         if (sh.l > 6) throw ImportError("shell type " + std::to_string(t) + " is not supported (at most i, l = 6)", types.line);
-        const int atom = as_int(map.values[s], map.line);
+        const int atom = as_int(map, map.values[s]);
         if (atom < 1 || atom > static_cast<int>(natoms))
             throw ImportError("a shell sits on atom " + std::to_string(atom) + ", which does not exist", map.line);
         sh.atom = atom - 1;
-        const int np = as_int(nprims.values[s], nprims.line);
+        const int np = as_int(nprims, nprims.values[s]);
         if (np < 1 || p0 + static_cast<std::size_t>(np) > exps.values.size() ||
             p0 + static_cast<std::size_t>(np) > coefs.values.size())
             throw ImportError("the primitive counts run past the exponents or coefficients", nprims.line);

@@ -1,25 +1,59 @@
 #include "import/import.h"
 
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iterator>
 #include <new>
-#include <sstream>
 
+#include "common/input_file.h"
+#include "common/memory.h"
 #include "common/version.h"
 #include "import/readers.h"
 
 namespace kvx::import {
 
+namespace {
+
+// The file's bytes as they were when it was opened: only a regular file (a
+// FIFO or a device would block or never end), at most kMaxSourceBytes.
+std::string read_regular_file(const std::string& path) {
+    common::RegularFile file = common::open_regular(path);
+    if (file.fd < 0)
+        throw ImportError(file.not_regular ? "cannot open the file (" + file.error + ")" : "cannot open the file", 0);
+    struct Closer {
+        int fd;
+        ~Closer() { ::close(fd); }
+    } closer{file.fd};
+    // Its text, its lines and its numbers are held at once: about three times its size.
+    const std::uint64_t most = std::min(kMaxSourceBytes, common::usable_memory_bytes() / 3);
+    if (file.size > most)
+        throw ImportError("the file holds " + common::memory_text(file.size) + "; at most " +
+                              common::memory_text(most) + " can be read here (a third of the memory this process " +
+                              "can use, 16 GB at most)",
+                          0);
+    std::string s(static_cast<std::size_t>(file.size), '\0');
+    std::size_t got = 0;
+    while (got < s.size()) {
+        const ssize_t n = ::read(file.fd, s.data() + got, s.size() - got);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) throw ImportError("cannot read the file", 0);
+        if (n == 0) break;  // it shrank since it was opened
+        got += static_cast<std::size_t>(n);
+    }
+    s.resize(got);
+    return s;
+}
+
+}  // namespace
+
 SourceJob read_source(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) throw ImportError("cannot open the file", 0);
-    std::ostringstream text;
-    text << in.rdbuf();
-    if (in.bad()) throw ImportError("cannot read the file", 0);
-    const std::string s = text.str();
+    const std::string s = read_regular_file(path);
     if (s.find('\0') != std::string::npos) throw ImportError("binary data: not a Molden, formatted checkpoint or AIM file", 0);
     const std::vector<std::string> lines = split_lines(s);
     switch (detect_format(lines)) {

@@ -47,19 +47,45 @@ double number(const std::string& tok, int line, const char* what) {
     return v;
 }
 
+namespace {
+
+// Fortran's exponent letter D as C's E.
+std::string c_number(const std::string& tok) {
+    std::string t = tok;
+    for (char& c : t)
+        if (c == 'D' || c == 'd') c = 'E';
+    return t;
+}
+
+bool is_number(const std::string& tok) {
+    const std::string t = c_number(tok);
+    char* end = nullptr;
+    std::strtod(t.c_str(), &end);
+    return !t.empty() && end != t.c_str() && *end == '\0';
+}
+
+[[noreturn]] void not_an_integer(const std::string& tok, int line, const char* what) {
+    throw ImportError("expected " + std::string(what) + ", found \"" + tok + "\": not an integer", line);
+}
+
+}  // namespace
+
 long integer(const std::string& tok, int line, const char* what) {
     char* end = nullptr;
     errno = 0;
     const long v = std::strtol(tok.c_str(), &end, 10);
-    if (tok.empty() || *end != '\0' || errno == ERANGE || v < -2147483647L || v > 2147483647L)
-        throw ImportError("expected " + std::string(what) + ", found \"" + tok + "\"", line);
-    return v;
+    const bool whole_token = !tok.empty() && *end == '\0';
+    if (whole_token && errno != ERANGE && v >= -2147483647L && v <= 2147483647L) return v;
+    if (whole_token) throw ImportError("expected " + std::string(what) + ", found \"" + tok + "\": out of range", line);
+    if (is_number(tok)) not_an_integer(tok, line, what);
+    throw ImportError("expected " + std::string(what) + ", found \"" + tok + "\"", line);
 }
 
 long whole(const std::string& tok, int line, const char* what) {
     const double v = number(tok, line, what);
-    if (v != std::floor(v) || std::fabs(v) > 2147483647.0)
-        throw ImportError("expected " + std::string(what) + " (a whole number), found \"" + tok + "\"", line);
+    if (v != std::floor(v)) not_an_integer(tok, line, what);
+    if (std::fabs(v) > 2147483647.0)
+        throw ImportError("expected " + std::string(what) + ", found \"" + tok + "\": out of range", line);
     return static_cast<long>(v);
 }
 

@@ -350,6 +350,8 @@ int run(int argc, char** argv) {
         answer_job_word();
         return 0;
     }
+    // Incomplete orbital files: standard output stays as it is.
+    for (const std::string& w : load.warnings) std::fprintf(stderr, "kalvex: %s\n", w.c_str());
     answer_job_word();
     st.mol = std::move(load.molecule);
     st.flags = st.mol->flags ? *st.mol->flags : moldata::compute_flags(*st.mol);

@@ -11,6 +11,8 @@
 #include <cstring>
 #include <vector>
 
+#include "common/input_file.h"
+#include "common/output_file.h"
 #include "moldata/checksum.h"
 #include "moldata/lattice.h"
 
@@ -105,9 +107,8 @@ std::string name_file(const char* base, const char* dir, const moldata::Property
 }
 
 bool file_exists(const std::string& name, uint32_t expected) {
-    struct stat st;
-    if (::stat(name.c_str(), &st) != 0) return false;
-    std::FILE* f = std::fopen(name.c_str(), "r");
+    // Only a regular file counts: a FIFO in its place would block the open.
+    std::FILE* f = common::open_bounded(name, 64);
     if (!f) return false;
     unsigned value = 0;
     const bool ok = std::fscanf(f, "%u", &value) == 1;
@@ -145,13 +146,6 @@ bool write_body(std::FILE* f, const grid::PropertyGrid& pg, uint32_t s, int fgri
     return std::fflush(f) == 0 && !std::ferror(f);
 }
 
-// Mode of a newly created file, as fopen would give it.
-mode_t new_file_mode() {
-    const mode_t mask = ::umask(0);
-    ::umask(mask);
-    return 0666 & ~mask;
-}
-
 }  // namespace
 
 void fout_dbs(const grid::PropertyGrid* pg, uint32_t s, int fgrid) {
@@ -164,23 +158,9 @@ void fout_dbs(const grid::PropertyGrid* pg, uint32_t s, int fgrid) {
 
     // Written beside the target and renamed over it only when complete, so a
     // failed or interrupted write never leaves a half file under the name.
-    std::string tmp = pg->filename + ".XXXXXX";
-    const int fd = ::mkstemp(tmp.data());
-    std::FILE* f = fd >= 0 ? ::fdopen(fd, "w") : nullptr;
-    if (!f) {
-        if (fd >= 0) {
-            ::close(fd);
-            std::remove(tmp.c_str());
-        }
-        std::printf("Output fout_dbs: cannot open grid file %s\n", pg->filename.c_str());
-        std::fflush(stdout);
-        return;
-    }
-    ::fchmod(fd, new_file_mode());
-    bool ok = write_body(f, *pg, s, fgrid);
-    ok = (std::fclose(f) == 0) && ok;
-    if (!ok || std::rename(tmp.c_str(), pg->filename.c_str()) != 0) {
-        std::remove(tmp.c_str());
+    std::string error;
+    if (!common::write_atomically(
+            pg->filename, [&](std::FILE* f) { return write_body(f, *pg, s, fgrid); }, error)) {
         std::printf("Output fout_dbs: cannot open grid file %s\n", pg->filename.c_str());
         std::fflush(stdout);
         return;

@@ -8,6 +8,8 @@
 #include <memory>
 
 #include "common/fatal.h"
+#include "common/memory.h"
+#include "gauss/spherical.h"
 #include "moldata/symbols.h"
 #include "moldata/textio.h"
 
@@ -39,7 +41,36 @@ bool check_size(long long nfunc, std::string& why) {
     return false;
 }
 
+// The whole check of a basis read: function cap, then memory.
+bool check_basis(const std::vector<Shell>& shells, long long nfunc, bool restricted, std::string& why) {
+    return check_size(nfunc, why) && basis_fits_memory(shells, nfunc, restricted, common::usable_memory_bytes(), why);
+}
+
 }  // namespace
+
+std::uint64_t basis_matrix_bytes(const std::vector<Shell>& shells, long long nbasis, bool restricted) {
+    const std::uint64_t n = nbasis > 0 ? static_cast<std::uint64_t>(nbasis) : 0;
+    const std::uint64_t triangle = n * (n + 1) / 2 * sizeof(double);
+    // Overlap, alpha and total density, and beta density when unrestricted.
+    std::uint64_t bytes = (restricted ? 3 : 4) * triangle;
+    // The overlap's largest shell-pair block, a shell's cartesian components
+    // times its contractions squared.
+    std::uint64_t widest = 0;
+    for (const Shell& s : shells)
+        widest = std::max<std::uint64_t>(
+            widest, static_cast<std::uint64_t>(gauss::block_cart_count(s.type)) * (s.type == 3 ? 1 : s.ngc));
+    return bytes + widest * widest * sizeof(double);
+}
+
+bool basis_fits_memory(const std::vector<Shell>& shells, long long nbasis, bool restricted, std::uint64_t usable,
+                       std::string& why) {
+    const std::uint64_t need = basis_matrix_bytes(shells, nbasis, restricted);
+    if (need <= usable) return true;
+    why = std::to_string(nbasis) + " basis functions need " + common::memory_text(need) +
+          " for the overlap and density matrices, more than the " + common::memory_text(usable) +
+          " this process can use";
+    return false;
+}
 
 int shell_type_of_label(std::string_view label) {
     for (int t = 1; t < gauss::kNumShellTypes; ++t)
@@ -120,6 +151,13 @@ bool make_shell(int type, int nprim, std::vector<double> data, std::string_view 
     const int row = type == 3 ? 3 : ngc + 1;
     if (ngc < 1 || static_cast<long long>(row) * nprim > ndata) {
         why = "shell with " + std::to_string(nprim) + " primitives and only " + std::to_string(ndata) + " numbers";
+        return false;
+    }
+    // Contractions are combinations of the shell's primitives: more of them
+    // than primitives cannot be independent functions.
+    if (ngc > nprim) {
+        why = "shell with " + std::to_string(ngc) + " contractions of " + std::to_string(nprim) +
+              " primitive(s), more than its primitives can make independent";
         return false;
     }
     normalise_shell_data(type, nprim, ngc, data);
@@ -227,7 +265,7 @@ JobError read_basis(Molecule& mol, const std::string& path) {
     }
     if (error) return error;
     const long long nfunc = counter - 1;
-    if (ok) ok = check_size(nfunc, why);
+    if (ok) ok = check_basis(shells, nfunc, mol.restricted, why);
     if (ok && nfunc != mol.nbasis) {
         why = "the shells give " + std::to_string(nfunc) + " functions, $nbasis is " + std::to_string(mol.nbasis);
         ok = false;
@@ -274,7 +312,7 @@ constexpr int kKvmLine = 500;
 JobError read_onefile_basis(Molecule& mol, const std::string& path) {
     mol.shells.clear();
     if (mol.atoms.empty()) return {};
-    File file = open_read(path);
+    File file = open_read(path, false, kOneFileLimit);
     if (!file) return {};
     std::FILE* f = file.get();
     const std::size_t natoms = mol.atoms.size();
@@ -299,8 +337,12 @@ JobError read_onefile_basis(Molecule& mol, const std::string& path) {
         const auto toks = split(line, " ,");
         for (std::size_t i = 0; i < toks.size(); ++i) {
             if (!std::isdigit(static_cast<unsigned char>(toks[i][0]))) continue;  // the element name
-            const long a = std::strtol(toks[i].c_str(), nullptr, 10);
-            if (a >= 1 && static_cast<std::size_t>(a) <= natoms) pending.push_back(static_cast<int>(a));
+            int a = 0;
+            if (parse_int_token(toks[i], a) != IntToken::Value) {
+                report("read_onefile_basis", path, "atom number \"" + toks[i] + "\" is not an integer");
+                return {};
+            }
+            if (a >= 1 && static_cast<std::size_t>(a) <= natoms) pending.push_back(a);
         }
     }
     if (!closed) return {};
@@ -330,16 +372,16 @@ JobError read_onefile_basis(Molecule& mol, const std::string& path) {
         }
         const auto head = split(line, " \t\r");
         if (head.empty()) continue;
-        char* end = nullptr;
-        const long nprim = std::strtol(head[0].c_str(), &end, 10);
+        int nprim = 0;
+        const bool counted = parse_int_token(head[0], nprim) == IntToken::Value;
         const int type = head.size() > 1 ? shell_type_of_label(head[1].substr(0, 8)) : 0;
-        if (end == head[0].c_str() || nprim < 1 || nprim > (1L << 20) || type == 0) {
+        if (!counted || nprim < 1 || nprim > (1 << 20) || type == 0) {
             why = "bad shell header \"" + label_at(line, 0) + "\"";
             ok = false;
             break;
         }
         std::vector<double> nums;
-        for (long i = 0; i < nprim; ++i) {
+        for (int i = 0; i < nprim; ++i) {
             if (!read_line(f, line, kKvmLine)) return {};  // end of file inside the section
             for (const auto& t : split(line, " \t\r")) {
                 double v;
@@ -352,12 +394,10 @@ JobError read_onefile_basis(Molecule& mol, const std::string& path) {
             }
             if (!ok) break;
         }
-        if (ok)
-            ok = make_shell(type, static_cast<int>(nprim), std::move(nums), name, mol.atoms, labels, shells, counter,
-                            why, error);
+        if (ok) ok = make_shell(type, nprim, std::move(nums), name, mol.atoms, labels, shells, counter, why, error);
     }
     if (error) return error;
-    if (ok) ok = check_size(counter - 1, why);
+    if (ok) ok = check_basis(shells, counter - 1, mol.restricted, why);
     if (!ok) {
         report("read_onefile_basis", path, why);
         return {};

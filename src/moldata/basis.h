@@ -3,6 +3,7 @@
 // sort and the function numbering (module Moldata).
 #pragma once
 
+#include <cstdint>
 #include <cstdio>
 #include <string>
 #include <string_view>
@@ -16,6 +17,15 @@ namespace kvx::moldata {
 // Largest basis accepted by either reader; bounds every nbasis-sized
 // allocation that follows (orbitals, densities, overlap).
 inline constexpr int kMaxBasisFunctions = 20000;
+
+// Memory the molecule builder needs for a basis of nbasis functions made of
+// these shells: the overlap and density matrices and the overlap's largest
+// shell-pair block.
+std::uint64_t basis_matrix_bytes(const std::vector<Shell>& shells, long long nbasis, bool restricted);
+
+// False, with the reason in why, when that is more than `usable` bytes.
+bool basis_fits_memory(const std::vector<Shell>& shells, long long nbasis, bool restricted, std::uint64_t usable,
+                       std::string& why);
 
 // Type code of a shell label ("s" 1 .. "i" 13); 0 when the word is no label.
 int shell_type_of_label(std::string_view label);
@@ -50,7 +60,9 @@ bool make_shell(int type, int nprim, std::vector<double> data, std::string_view 
 // Primary layout: the shells of mol.atoms from the ".basis" file at path.
 // Needs atoms and mol.nshell > 0; on any failure mol.shells stays empty.
 // A file that makes more than $nshell shells, or whose shells do not give
-// $nbasis functions, is rejected with one message. The job is refused when
+// $nbasis functions, or a shell with more contractions than primitives, or a
+// basis whose matrices would not fit in the memory this process can use
+// (checked before any is allocated), is rejected with one message. The job is refused when
 // the file ends inside the section, an atom's basis label is longer than 8
 // characters, or memory runs out.
 JobError read_basis(Molecule& mol, const std::string& path);

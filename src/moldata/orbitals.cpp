@@ -1,11 +1,13 @@
 #include "moldata/orbitals.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
+#include "common/memory.h"
 #include "moldata/textio.h"
 
 namespace kvx::moldata {
@@ -18,7 +20,7 @@ bool read_words(std::FILE* f, std::int32_t* w, int n) {
 
 }  // namespace
 
-std::unique_ptr<OrbitalSet> read_binary_orbitals(const std::string& path, int nbasis, int intsize) {
+std::unique_ptr<OrbitalSet> read_binary_orbitals(const std::string& path, int nbasis, int intsize, int* announced) {
     if (nbasis <= 0) return nullptr;
     File file = open_read(path, true);
     if (!file) return nullptr;
@@ -30,6 +32,7 @@ std::unique_ptr<OrbitalSet> read_binary_orbitals(const std::string& path, int nb
     const int norb = head[0];
     const int valid = intsize == 1 ? head[2] : head[1];
     if (!read_words(f, &frame, 1) || norb < 0) return nullptr;
+    if (announced) *announced = norb;
 
     // Never more rows than the file can hold: a header announcing more than
     // that reads as a file cut inside the rows.
@@ -37,6 +40,17 @@ std::unique_ptr<OrbitalSet> read_binary_orbitals(const std::string& path, int nb
     const long avail = remaining_bytes(f);
     const std::size_t fit = avail > 4 ? (static_cast<std::size_t>(avail) - 4) / row_bytes : 0;
     const int rows = static_cast<std::size_t>(norb) <= fit ? norb : static_cast<int>(fit);
+    // A large (perhaps sparse) file is no reason to take more memory than
+    // the process can have: such a set is not read, as if it failed to fit.
+    const std::uint64_t bytes = static_cast<std::uint64_t>(rows) * row_bytes;
+    if (bytes > common::usable_memory_bytes()) {
+        std::printf("Moldata read_binary_orbitals: %s: %d orbitals of %d functions need %s, more than the %s this "
+                    "process can use; not read\n",
+                    path.c_str(), rows, nbasis, common::memory_text(bytes).c_str(),
+                    common::memory_text(common::usable_memory_bytes()).c_str());
+        std::fflush(stdout);
+        return nullptr;
+    }
 
     auto set = std::make_unique<OrbitalSet>();
     auto coef = rowmat_alloc(rows, nbasis);
@@ -110,10 +124,17 @@ double number_after(const std::string& line, const char* key) {
     return std::strtod(line.c_str() + p + std::strlen(key), nullptr);
 }
 
-long integer_after(const std::string& line, const char* key) {
+// The token after key as an integer: 0 when the key is absent; false when
+// the token is not an integer.
+bool integer_after(const std::string& line, const char* key, long& value) {
+    value = 0;
     const auto p = line.find(key);
-    if (p == std::string::npos) return 0;
-    return std::strtol(line.c_str() + p + std::strlen(key), nullptr, 10);
+    if (p == std::string::npos) return true;
+    const char* start = line.c_str() + p + std::strlen(key);
+    int v = 0;
+    if (parse_int_token(std::string(start, std::strcspn(start, " \t\r\n")), v) != IntToken::Value) return false;
+    value = v;
+    return true;
 }
 
 }  // namespace
@@ -121,7 +142,7 @@ long integer_after(const std::string& line, const char* key) {
 std::unique_ptr<OrbitalSet> read_text_orbitals(const std::string& jobname, const char* section, int nbasis) {
     if (nbasis <= 0) return nullptr;
     const std::string path = jobname + ".kvm";
-    File file = open_read(path);
+    File file = open_read(path, false, kOneFileLimit);
     if (!file) return nullptr;
     std::FILE* f = file.get();
     std::string line;
@@ -136,8 +157,8 @@ std::unique_ptr<OrbitalSet> read_text_orbitals(const std::string& jobname, const
     long n = 0, ncoefs = 0, counter = 0;
     bool in_orbital = false;
     int count = 0;
-    auto reject = [&](const char* what, long value) {
-        std::printf("Moldata read_text_orbitals: %s section %s: %s %ld\n", path.c_str(), section, what, value);
+    auto reject = [&](const char* what, const std::string& value) {
+        std::printf("Moldata read_text_orbitals: %s section %s: %s %s\n", path.c_str(), section, what, value.c_str());
         std::fflush(stdout);
         return nullptr;
     };
@@ -145,9 +166,10 @@ std::unique_ptr<OrbitalSet> read_text_orbitals(const std::string& jobname, const
         if (line.find('$') != std::string::npos) break;
         if (line.find("eigenvalue=") != std::string::npos) {
             n = first_integer(line);
-            ncoefs = integer_after(line, "ncoefs=");
-            if (n < 1 || n > nbasis) return reject("orbital number out of range:", n);
-            if (ncoefs < 0 || ncoefs > nbasis) return reject("coefficient count out of range:", ncoefs);
+            if (!integer_after(line, "ncoefs=", ncoefs))
+                return reject("coefficient count not an integer:", line.substr(0, line.find_first_of("\r\n")));
+            if (n < 1 || n > nbasis) return reject("orbital number out of range:", std::to_string(n));
+            if (ncoefs < 0 || ncoefs > nbasis) return reject("coefficient count out of range:", std::to_string(ncoefs));
             if (n > set->coef.rows) {
                 set->coef.data.resize(static_cast<std::size_t>(n) * nbasis, 0.0);
                 set->coef.rows = static_cast<int>(n);
@@ -180,29 +202,59 @@ std::unique_ptr<OrbitalSet> read_text_orbitals(const std::string& jobname, const
     return set;
 }
 
-void read_orbitals(Molecule& mol, const std::string& jobname) {
+namespace {
+
+// The warnings of one set read from `source` (a file, or a section of one).
+void check_count(const OrbitalSet* set, const std::string& source, int announced, int occupied, const char* count_name,
+                 std::vector<std::string>* warnings) {
+    if (!set || !warnings) return;
+    auto add = [&](const std::string& w) {  // ".los" is read for both spins
+        if (std::find(warnings->begin(), warnings->end(), w) == warnings->end()) warnings->push_back(w);
+    };
+    if (announced > set->count)
+        add(source + " holds " + std::to_string(set->count) + " orbitals; its header announces " +
+            std::to_string(announced) + " (a cut file or a damaged header)");
+    if (set->count < occupied)
+        add(source + " holds " + std::to_string(set->count) + " orbitals, fewer than the " + std::to_string(occupied) +
+            " occupied (" + count_name + "): densities from it leave the missing ones out");
+}
+
+}  // namespace
+
+void read_orbitals(Molecule& mol, const std::string& jobname, std::vector<std::string>* warnings) {
     mol.alpha.reset();
     mol.beta.reset();
     mol.localized.reset();
     mol.localized_beta.reset();
     mol.natural.reset();
-    mol.alpha = read_binary_orbitals(jobname + ".mos", mol.nbasis, mol.intsize);
-    if (!mol.restricted) mol.beta = read_binary_orbitals(jobname + ".mob", mol.nbasis, mol.intsize);
-    mol.localized = read_binary_orbitals(jobname + ".los", mol.nbasis, mol.intsize);
-    if (!mol.localized) mol.localized = read_binary_orbitals(jobname + ".loc", mol.nbasis, mol.intsize);
+    const int n = mol.nbasis, w = mol.intsize;
+    // Each set from its file, with the file's name and header for the warnings.
+    auto read = [&](std::unique_ptr<OrbitalSet>& slot, const char* ext, int occupied, const char* count_name) {
+        int announced = 0;
+        slot = read_binary_orbitals(jobname + ext, n, w, &announced);
+        check_count(slot.get(), jobname + ext, announced, occupied, count_name, warnings);
+        return slot != nullptr;
+    };
+    read(mol.alpha, ".mos", mol.nalpha, "$nalpha");
+    if (!mol.restricted) read(mol.beta, ".mob", mol.nbeta, "$nbeta");
+    if (!read(mol.localized, ".los", mol.nalpha, "$nalpha")) read(mol.localized, ".loc", mol.nalpha, "$nalpha");
     if (!mol.restricted) {
         // The beta localized orbitals come from the same ".los" name: intended.
-        mol.localized_beta = read_binary_orbitals(jobname + ".los", mol.nbasis, mol.intsize);
-        mol.natural = read_binary_orbitals(jobname + ".nos", mol.nbasis, mol.intsize);
+        read(mol.localized_beta, ".los", mol.nbeta, "$nbeta");
+        read(mol.natural, ".nos", 0, "");
     }
 }
 
-void read_onefile_orbitals(Molecule& mol, const std::string& jobname) {
-    mol.alpha = read_text_orbitals(jobname, "$scfmo", mol.nbasis);
-    mol.beta = read_text_orbitals(jobname, "$betamo", mol.nbasis);
-    mol.localized = read_text_orbitals(jobname, "$scflo", mol.nbasis);
-    mol.localized_beta = read_text_orbitals(jobname, "$betalo", mol.nbasis);
-    mol.natural = read_text_orbitals(jobname, "$betano", mol.nbasis);
+void read_onefile_orbitals(Molecule& mol, const std::string& jobname, std::vector<std::string>* warnings) {
+    auto read = [&](std::unique_ptr<OrbitalSet>& slot, const char* section, int occupied, const char* count_name) {
+        slot = read_text_orbitals(jobname, section, mol.nbasis);
+        check_count(slot.get(), jobname + ".kvm section " + section, 0, occupied, count_name, warnings);
+    };
+    read(mol.alpha, "$scfmo", mol.nalpha, "$nalpha");
+    read(mol.beta, "$betamo", mol.nbeta, "$nbeta");
+    read(mol.localized, "$scflo", mol.nalpha, "$nalpha");
+    read(mol.localized_beta, "$betalo", mol.nbeta, "$nbeta");
+    read(mol.natural, "$betano", 0, "");
 }
 
 void print_orbitals(const OrbitalSet& set) {

@@ -4,6 +4,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "moldata/molecule.h"
 
@@ -13,8 +14,10 @@ namespace kvx::moldata {
 // header norb, valid (two int32; with intsize 1 four int32 words, norb the
 // first and valid the third), norb rows of nbasis doubles, optionally norb
 // energies. A file cut inside the rows keeps the complete rows and no
-// energies. Null when the file is absent or its header incomplete.
-std::unique_ptr<OrbitalSet> read_binary_orbitals(const std::string& path, int nbasis, int intsize);
+// energies. Null when the file is absent or its header incomplete. announced,
+// when given, receives the header's norb.
+std::unique_ptr<OrbitalSet> read_binary_orbitals(const std::string& path, int nbasis, int intsize,
+                                                 int* announced = nullptr);
 
 // Writes a set in the binary layout read above (int32 header, energies
 // when the set has them). False when the file cannot be written completely.
@@ -30,11 +33,13 @@ std::unique_ptr<OrbitalSet> read_text_orbitals(const std::string& jobname, const
 
 // Multi-file layout: ".mos" alpha; ".mob" beta (unrestricted); ".los", else
 // ".loc", localized; ".los" again localized beta and ".nos" natural
-// (unrestricted).
-void read_orbitals(Molecule& mol, const std::string& jobname);
+// (unrestricted). A file holding fewer orbitals than its header announces,
+// or than the occupied ones of its spin, adds a line to warnings.
+void read_orbitals(Molecule& mol, const std::string& jobname, std::vector<std::string>* warnings = nullptr);
 
-// One-file layout: "$scfmo", "$betamo", "$scflo", "$betalo", "$betano".
-void read_onefile_orbitals(Molecule& mol, const std::string& jobname);
+// One-file layout: "$scfmo", "$betamo", "$scflo", "$betalo", "$betano"; a
+// section of fewer complete orbitals than the occupied ones adds a warning.
+void read_onefile_orbitals(Molecule& mol, const std::string& jobname, std::vector<std::string>* warnings = nullptr);
 
 // Debugging prints.
 void print_orbitals(const OrbitalSet& set);

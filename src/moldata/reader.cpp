@@ -1,5 +1,6 @@
 #include "moldata/reader.h"
 
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 
@@ -13,62 +14,103 @@
 
 namespace kvx::moldata {
 
-int read_keyword(std::FILE* f, const char* keyword) {
-    std::rewind(f);
-    std::string tok;
-    while (scan_token(f, tok)) {
-        if (tok == keyword) {
-            int v;
-            return scan_int(f, v) ? v : kKeywordMissing;
-        }
-    }
-    return kKeywordMissing;
-}
-
 namespace {
 
-int keyword_or(std::FILE* f, const char* keyword, int missing) {
-    const int v = read_keyword(f, keyword);
-    return v == kKeywordMissing ? missing : v;
+// Rewinds f and scans tokens for the first one equal to keyword; tok then
+// holds the token after it (empty at end of file).
+bool find_keyword(std::FILE* f, const char* keyword, std::string& tok) {
+    std::rewind(f);
+    while (scan_token(f, tok))
+        if (tok == keyword) {
+            if (!scan_token(f, tok)) tok.clear();
+            return true;
+        }
+    return false;
 }
 
 }  // namespace
 
-std::unique_ptr<Molecule> read_counts(const std::string& jobname) {
+int read_keyword(std::FILE* f, const char* keyword) {
+    std::string tok;
+    int v = kKeywordMissing;
+    if (!find_keyword(f, keyword, tok) || parse_int_token(tok, v) != IntToken::Value) return kKeywordMissing;
+    return v;
+}
+
+namespace {
+
+// The counts of one file, each checked before anything uses it: a value
+// that is a number but not an integer, or lies outside its range, refuses
+// the job with the first such message.
+struct CountReader {
+    std::FILE* f;
+    std::string path;
+    JobError error;
+
+    // The integer token tok, or `missing` when it is no number (the sentinel
+    // value of a file holding -666 included).
+    int value(const char* keyword, const std::string& tok, int missing, long long lo, long long hi) {
+        int v = missing;
+        const IntToken kind = parse_int_token(tok, v);
+        if (kind == IntToken::NotNumber || (kind == IntToken::Value && v == kKeywordMissing)) return missing;
+        if (error) return missing;
+        if (kind == IntToken::NotInteger) {
+            error = {"Moldata read_counts: " + path + ": " + keyword + " \"" + tok + "\" is not an integer"};
+        } else if (kind == IntToken::OutOfRange || v < lo || v > hi) {
+            std::string range = std::to_string(lo) + " to " + std::to_string(hi);
+            if (hi == INT_MAX) range = std::to_string(lo) + " or more";
+            if (kind == IntToken::OutOfRange) range = "beyond 32 bits";
+            error = {"Moldata read_counts: " + path + ": " + keyword + " " + tok + " is out of range (" + range + ")"};
+        }
+        return error ? missing : v;
+    }
+    int get(const char* keyword, int missing, long long lo = INT_MIN, long long hi = INT_MAX) {
+        std::string tok;
+        return find_keyword(f, keyword, tok) ? value(keyword, tok, missing, lo, hi) : missing;
+    }
+};
+
+}  // namespace
+
+MoleculeLoad read_counts(const std::string& jobname) {
     File control = open_read(jobname + ".control");
-    if (!control) return nullptr;
-    std::FILE* f = control.get();
-    const int natoms = read_keyword(f, "$natoms");
-    if (natoms == kKeywordMissing) return nullptr;
+    if (!control) return {};
+    CountReader counts{control.get(), jobname + ".control", {}};
+    const int natoms = counts.get("$natoms", kKeywordMissing, 0);
+    if (counts.error) return {nullptr, counts.error, {}};
+    if (natoms == kKeywordMissing) return {};
 
     auto mol = std::make_unique<Molecule>();
     mol->name = jobname;
     mol->natoms = natoms;
-    mol->nmol = keyword_or(f, "$nmol", 1);
-    mol->multiplicity = keyword_or(f, "$multiplicity", 1);
-    mol->charge = keyword_or(f, "$charge", 0);
-    mol->nalpha = keyword_or(f, "$nalpha", 0);
-    mol->nbeta = keyword_or(f, "$nbeta", 0);
+    mol->nmol = counts.get("$nmol", 1, 0);
+    mol->multiplicity = counts.get("$multiplicity", 1);
+    mol->charge = counts.get("$charge", 0);
+    mol->nalpha = counts.get("$nalpha", 0, 0);
+    mol->nbeta = counts.get("$nbeta", 0, 0);
+    // Two integers after the keyword, the second the number of dummy atoms
+    // among natoms; one that is no number ends the pair with zeros.
     mol->ndummy = {0, 0};
-    if (read_keyword(f, "$ndummy") != kKeywordMissing) {
-        // Both integers after the keyword.
-        std::rewind(f);
-        std::string tok;
-        while (scan_token(f, tok) && tok != "$ndummy") {
-        }
-        for (int& d : mol->ndummy)
-            if (!scan_int(f, d)) d = 0;
+    std::string tok;
+    int first = 0;
+    if (find_keyword(control.get(), "$ndummy", tok) && parse_int_token(tok, first) != IntToken::NotNumber) {
+        mol->ndummy[0] = counts.value("$ndummy", tok, 0, INT_MIN, INT_MAX);
+        if (!counts.error && scan_token(control.get(), tok))
+            mol->ndummy[1] = counts.value("$ndummy", tok, 0, 0, natoms);
     }
-    mol->nbits = keyword_or(f, "$nbits", 32);
-    mol->intsize = keyword_or(f, "$intsize", 2);
+    mol->nbits = counts.get("$nbits", 32);
+    mol->intsize = counts.get("$intsize", 2);
+    if (counts.error) return {nullptr, counts.error, {}};
 
     if (File basis = open_read(jobname + ".basis")) {
-        mol->nbasis = keyword_or(basis.get(), "$nbasis", 0);
-        mol->nshell = keyword_or(basis.get(), "$nshell", 0);
-        mol->nprim = keyword_or(basis.get(), "$nprim", 0);
+        CountReader bc{basis.get(), jobname + ".basis", {}};
+        mol->nbasis = bc.get("$nbasis", 0, 0);
+        mol->nshell = bc.get("$nshell", 0, 0);
+        mol->nprim = bc.get("$nprim", 0, 0);
+        if (bc.error) return {nullptr, bc.error, {}};
     }
     mol->restricted = mol->nbeta == 0 && mol->multiplicity == 1 ? 1 : 0;
-    return mol;
+    return {std::move(mol), {}, {}};
 }
 
 JobError read_coordinates(Molecule& mol, const std::string& path) {
@@ -124,14 +166,16 @@ JobError read_coordinates(Molecule& mol, const std::string& path) {
 
 MoleculeLoad read_onefile(const std::string& jobname) {
     const std::string path = jobname + ".kvm";
-    File file = open_read(path);
+    File file = open_read(path, false, kOneFileLimit);
     if (!file) return {};
     std::FILE* f = file.get();
 
     auto mol = std::make_unique<Molecule>();
     mol->name = jobname;
-    mol->nalpha = keyword_or(f, "$nalpha", 0);
-    mol->nbeta = keyword_or(f, "$nbeta", 0);
+    CountReader counts{f, path, {}};
+    mol->nalpha = counts.get("$nalpha", 0, 0);
+    mol->nbeta = counts.get("$nbeta", 0, 0);
+    if (counts.error) return {nullptr, counts.error, {}};
     mol->restricted = mol->nbeta == 0 ? 1 : 0;
 
     // "$coord": one atom per line, "x y z symbol", until a line with "$".
@@ -167,27 +211,29 @@ MoleculeLoad read_onefile(const std::string& jobname) {
     file.reset();
 
     if (mol->has_atoms()) {
-        if (JobError e = read_onefile_basis(*mol, path)) return {nullptr, e};
-        if (mol->has_shells()) read_onefile_orbitals(*mol, jobname);
+        if (JobError e = read_onefile_basis(*mol, path)) return {nullptr, e, {}};
     }
-    return {std::move(mol), {}};
+    MoleculeLoad load{std::move(mol), {}, {}};
+    if (load.molecule->has_shells()) read_onefile_orbitals(*load.molecule, jobname, &load.warnings);
+    return load;
 }
 
 namespace {
 
 // The multi-file layout; no molecule when the control file does not count.
 MoleculeLoad read_multifile(const std::string& jobname) {
-    std::unique_ptr<Molecule> mol = read_counts(jobname);
-    if (!mol) return {};
-    if (JobError e = read_coordinates(*mol, jobname + ".coord")) return {nullptr, e};
-    if (mol->has_atoms()) {
-        if (JobError e = read_symmetry(*mol, jobname + ".sym")) return {nullptr, e};
-        if (JobError e = read_basis(*mol, jobname + ".basis")) return {nullptr, e};
-        sort_shells(*mol);
+    MoleculeLoad counts = read_counts(jobname);
+    if (!counts.molecule) return counts;
+    Molecule& mol = *counts.molecule;
+    if (JobError e = read_coordinates(mol, jobname + ".coord")) return {nullptr, e, {}};
+    if (mol.has_atoms()) {
+        if (JobError e = read_symmetry(mol, jobname + ".sym")) return {nullptr, e, {}};
+        if (JobError e = read_basis(mol, jobname + ".basis")) return {nullptr, e, {}};
+        sort_shells(mol);
         // Coefficients are read per nbasis: only for a basis that gave it.
-        if (mol->has_shells()) read_orbitals(*mol, jobname);
+        if (mol.has_shells()) read_orbitals(mol, jobname, &counts.warnings);
     }
-    return {std::move(mol), {}};
+    return counts;
 }
 
 }  // namespace
@@ -198,8 +244,8 @@ MoleculeLoad build_molecule(const std::string& jobname) {
     if (!load.molecule && !load.error) load = read_onefile(jobname);
     if (!load.molecule) return load;
     Molecule& mol = *load.molecule;
-    if (JobError e = compute_density(mol)) return {nullptr, e};
-    if (JobError e = add_overlap(mol)) return {nullptr, e};
+    if (JobError e = compute_density(mol)) return {nullptr, e, {}};
+    if (JobError e = add_overlap(mol)) return {nullptr, e, {}};
     mol.flags = compute_flags(mol);
     return load;
 }

@@ -1,5 +1,7 @@
 #include "moldata/symmetry.h"
 
+#include <algorithm>
+#include <cstdio>
 #include <new>
 
 #include "moldata/basis.h"
@@ -35,7 +37,7 @@ bool skip_to(std::FILE* f, const char* word) {
     return false;
 }
 
-std::unique_ptr<SymmetryInfo> read_table(std::FILE* f, int n, JobError& error) {
+std::unique_ptr<SymmetryInfo> read_table(std::FILE* f, const std::string& path, int n, JobError& error) {
     const int ntrans = read_keyword(f, "$ntrans");
     if (ntrans == kKeywordMissing || ntrans <= 1) return default_record(n);
 
@@ -90,6 +92,21 @@ std::unique_ptr<SymmetryInfo> read_table(std::FILE* f, int n, JobError& error) {
                     }
         }
     }
+    // Atom numbers outside 1..n name no atom: the table is not used.
+    if (!all_unique) {
+        const auto in_range = [n](int a) { return a >= 1 && a <= n; };
+        const auto unique_end = sym->unique.begin() + nunique;
+        const auto bad = std::find_if_not(sym->unique.begin(), unique_end, in_range);
+        const auto bad_image = std::find_if_not(sym->images.begin(), sym->images.end(), in_range);
+        if (bad != unique_end || bad_image != sym->images.end()) {
+            std::printf(
+                "Moldata read_symmetry: %s: atom number %d is not one of the %d atoms; every atom is taken "
+                "as unique\n",
+                path.c_str(), bad != unique_end ? *bad : *bad_image, n);
+            std::fflush(stdout);
+            all_unique = true;
+        }
+    }
     if (all_unique) {
         nunique = n;
         for (int i = 0; i < n; ++i) sym->unique[static_cast<std::size_t>(i)] = i + 1;
@@ -108,7 +125,7 @@ JobError read_symmetry(Molecule& mol, const std::string& path) {
     File file = open_read(path);
     if (!file) return {};
     JobError error;
-    mol.symmetry = read_table(file.get(), n, error);
+    mol.symmetry = read_table(file.get(), path, n, error);
     return error;
 }
 

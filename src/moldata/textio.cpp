@@ -3,10 +3,19 @@
 #include <cctype>
 #include <climits>
 
+#include "common/input_file.h"
+
 namespace kvx::moldata {
 
-File open_read(const std::string& path, bool binary) {
-    return File(std::fopen(path.c_str(), binary ? "rb" : "r"));
+File open_read(const std::string& path, bool binary, std::uint64_t limit) {
+    bool cut = false;
+    File f(common::open_bounded(path, binary ? common::kNoLimit : limit, nullptr, &cut));
+    if (f && cut) {
+        std::printf("Moldata open_read: %s is longer than %d MiB; the rest is not read\n", path.c_str(),
+                    static_cast<int>(limit >> 20));
+        std::fflush(stdout);
+    }
+    return f;
 }
 
 long remaining_bytes(std::FILE* f) {
@@ -44,6 +53,23 @@ bool scan_token(std::FILE* f, std::string& tok) {
     } while ((c = std::getc(f)) != EOF && !std::isspace(c));
     if (c != EOF) std::ungetc(c, f);
     return true;
+}
+
+IntToken parse_int_token(const std::string& tok, int& value) {
+    std::size_t i = tok.size() > 1 && (tok[0] == '-' || tok[0] == '+') ? 1 : 0;
+    const auto digit = [&](std::size_t k) {
+        return k < tok.size() && std::isdigit(static_cast<unsigned char>(tok[k]));
+    };
+    if (!digit(i) && !(i < tok.size() && tok[i] == '.' && digit(i + 1))) return IntToken::NotNumber;
+    long long v = 0;
+    for (; digit(i); ++i)
+        if ((v = v * 10 + (tok[i] - '0')) > static_cast<long long>(INT_MAX) + 1)
+            v = static_cast<long long>(INT_MAX) + 2;
+    if (i != tok.size()) return IntToken::NotInteger;
+    if (tok[0] == '-') v = -v;
+    if (v > INT_MAX || v < INT_MIN) return IntToken::OutOfRange;
+    value = static_cast<int>(v);
+    return IntToken::Value;
 }
 
 bool scan_int(std::FILE* f, int& value) {

@@ -1,5 +1,7 @@
 #include "view/property_file.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
@@ -9,6 +11,7 @@
 #include <fstream>
 #include <string_view>
 
+#include "common/input_file.h"
 #include "moldata/property_words.h"
 
 namespace kvx::view {
@@ -54,6 +57,13 @@ struct LineReader {
 
 bool read_property_file(const std::string& path, ValueOrder order, PropertyFile& out, std::string& error) {
     out = PropertyFile{};
+    // A FIFO or a device in the file's place would block or never end.
+    const common::RegularFile probe = common::open_regular(path);
+    if (probe.fd < 0) {
+        error = path + ": cannot open the property file (" + probe.error + ")";
+        return false;
+    }
+    ::close(probe.fd);
     LineReader r;
     r.in.open(path, std::ios::binary);
     if (!r.in) {

@@ -1,12 +1,8 @@
 #include "view/tool_io.h"
 
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstdlib>
 #include <cstring>
 
+#include "common/output_file.h"
 #include "common/version.h"
 #include "moldata/reader.h"
 #include "view/stamp_check.h"
@@ -54,32 +50,7 @@ bool answer_help_or_version(const char* tool, const char* usage, int argc, char*
 }
 
 bool write_atomically(const std::string& path, const std::function<bool(std::FILE*)>& write, std::string& error) {
-    std::string tmp = path + ".XXXXXX";
-    const int fd = ::mkstemp(tmp.data());
-    if (fd < 0) {
-        error = "cannot create " + path + " (" + std::strerror(errno) + ")";
-        return false;
-    }
-    std::FILE* f = ::fdopen(fd, "w");
-    if (!f) {
-        ::close(fd);
-        std::remove(tmp.c_str());
-        error = "cannot create " + path;
-        return false;
-    }
-    // mkstemp makes 0600; give the file the mode fopen would have.
-    const mode_t mask = ::umask(0);
-    ::umask(mask);
-    ::fchmod(fd, 0666 & ~mask);
-    bool ok = write(f);
-    ok = std::fflush(f) == 0 && !std::ferror(f) && ok;
-    ok = std::fclose(f) == 0 && ok;
-    if (!ok || std::rename(tmp.c_str(), path.c_str()) != 0) {
-        std::remove(tmp.c_str());
-        error = "cannot write " + path;
-        return false;
-    }
-    return true;
+    return common::write_atomically(path, write, error);
 }
 
 int report_failure(const char* tool, const std::string& message) {

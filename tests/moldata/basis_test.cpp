@@ -119,6 +119,7 @@ TEST(BasisReject, FilesThatCannotGiveTheAnnouncedBasisGetOneMessage) {
         {1, 1, "for H\ns 1.0 x1\n", "is not a number"},
         {1, 1, "for H\n 1.0 1.0\n", "numbers outside a shell"},
         {1, 1, "for H\ns 1.0 1.0\n\n", "primitives and only"},
+        {1, 2, "for H\ns 1.0 1.0 0.5\n", "2 contractions of 1 primitive"},
     };
     TempJob job;
     for (const auto& c : cases) {
@@ -159,4 +160,20 @@ TEST(BasisReject, EndOfFileInsideTheSectionOrALongLabelRefusesTheJob) {
     EXPECT_TRUE(mol->has_shells());
     mol = molecule_with({"Hydrogen1x"}, 1, 1);
     EXPECT_EQ(read_basis(*mol, job.path(".basis")).message, "Atomic symbol Hydrogen1x is  longer than 8 characters");
+}
+
+// What the builder will allocate for a basis: the overlap and the alpha and
+// total densities (and the beta one when unrestricted), n(n+1)/2 doubles
+// each, and the overlap's widest shell-pair block; a basis needing more than
+// the memory at hand is rejected before any of it exists.
+TEST(BasisReject, BasesWhoseMatricesExceedTheUsableMemory) {
+    auto mol = molecule_with({"H", "H"}, 2, 112);  // two shells of 2 x 28 functions
+    ASSERT_TRUE(read(*mol, "for H\ni28 1.0 1.0 0.5\n 0.5 0.3 1.0\n"));
+    const std::uint64_t tri = 112ull * 113 / 2 * 8, block = 56ull * 56 * 8;
+    EXPECT_EQ(basis_matrix_bytes(mol->shells, 112, true), 3 * tri + block);
+    EXPECT_EQ(basis_matrix_bytes(mol->shells, 112, false), 4 * tri + block);
+    std::string why;
+    EXPECT_TRUE(basis_fits_memory(mol->shells, 112, true, 3 * tri + block, why));
+    EXPECT_FALSE(basis_fits_memory(mol->shells, 112, true, 3 * tri + block - 1, why));
+    EXPECT_EQ(why.rfind("112 basis functions need ", 0), 0u) << why;
 }

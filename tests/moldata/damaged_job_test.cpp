@@ -91,7 +91,7 @@ TEST(DamagedJob, TruncatedOrScrambledFilesLoadOrAreRefused) {
 TEST(DamagedJob, HugeCountsLoad) {
     TempJob job;
     kvx::test::write_h2(job);
-    job.write(".control", "$natoms 2000000000\n$nalpha 2000000000\n$nbeta -5\n$multiplicity 2\n");
+    job.write(".control", "$natoms 2000000000\n$nalpha 2000000000\n$nbeta 0\n$multiplicity 2\n");
     EXPECT_EQ(load_in_child(job.job()), kReturned);
     job.write(".control", "$natoms 2\n$nalpha 1\n");
     job.write(".basis", "$nbasis 2000000000\n$nshell 2000000000\n$basis\nfor H\ns 1.0 1.0\n$end\n");
