@@ -112,8 +112,10 @@ namespace {
 
 // Set-up on the points of lines (moved into the state). The slices hold the
 // integral blocks (maxfun^2 doubles per point) and, for a list, also the line
-// tables of their points; together they fit in memmax megabytes.
-int setup(const moldata::Molecule* mol, PointLines&& lines, const grid::Grid* grid, double memmax, double thresh) {
+// tables of their points; the slices of all threads together fit in memmax
+// megabytes (fewer threads when memmax holds fewer than one block each).
+int setup(const moldata::Molecule* mol, PointLines&& lines, const grid::Grid* grid, double memmax, double thresh,
+          int numt) {
     elepot_cleanup();
     if (!mol || mol->shells.empty()) return 0;
     PotSetup& S = g_ep;
@@ -128,7 +130,6 @@ int setup(const moldata::Molecule* mol, PointLines&& lines, const grid::Grid* gr
         maxprim = std::max(maxprim, sh.nprim);
     }
     if (!mol->density || mol->density->n < mol->nbasis) return 0;
-    S.numt = 1;
 
     const double avail = memmax * 131072.0;
     double need = static_cast<double>(maxfun) * maxfun * 8.0;
@@ -140,6 +141,7 @@ int setup(const moldata::Molecule* mol, PointLines&& lines, const grid::Grid* gr
         need += 3.0 * pairs * per_line * 8.0;
     }
     if (!(need <= avail)) return 0;
+    S.numt = static_cast<int>(std::min<double>(common::thread_count(numt), std::floor(avail / need)));
 
     if (!grow_factorials(S, 2 * L)) return 0;
     if (!build_tho(S, L)) {
@@ -181,7 +183,7 @@ int setup(const moldata::Molecule* mol, PointLines&& lines, const grid::Grid* gr
 
 }  // namespace
 
-int elepot_init(const moldata::Molecule* mol, const grid::Grid* grid, double memmax, double thresh, int /*numt*/) {
+int elepot_init(const moldata::Molecule* mol, const grid::Grid* grid, double memmax, double thresh, int numt) {
     if (!grid) {
         elepot_cleanup();
         return 0;
@@ -191,17 +193,17 @@ int elepot_init(const moldata::Molecule* mol, const grid::Grid* grid, double mem
         elepot_cleanup();
         return 0;
     }
-    return setup(mol, std::move(lines), grid, memmax, thresh);
+    return setup(mol, std::move(lines), grid, memmax, thresh, numt);
 }
 
 int elepot_init_points(const moldata::Molecule* mol, const double* xyz, long n, double memmax, double thresh,
-                       int /*numt*/) {
+                       int numt) {
     PointLines lines;
     if (!xyz || n <= 0 || !common::try_alloc([&] { lines = list_lines(xyz, n); })) {
         elepot_cleanup();
         return 0;
     }
-    return setup(mol, std::move(lines), nullptr, memmax, thresh);
+    return setup(mol, std::move(lines), nullptr, memmax, thresh, numt);
 }
 
 long elepot_point_count() { return g_ep.L >= 0 ? g_ep.lines.npoints : 0; }

@@ -12,8 +12,10 @@ namespace kvx::elepot {
 
 struct PointLines;
 
-// Set-up for one grid and threshold: 1 = ready, 0 = refused. numt is
-// accepted and ignored (one work share).
+// Set-up for one grid and threshold: 1 = ready, 0 = refused. numt is the
+// -numt value (common::thread_count): the threads comp_elepot runs, each on
+// its own contiguous part of the points; -memmax bounds their integral
+// blocks together.
 int elepot_init(const moldata::Molecule* mol, const grid::Grid* grid, double memmax, double thresh, int numt);
 // Set-up for a list of n points (x y z each, bohr) instead of a grid; the
 // potential is then computed at those points in their order.

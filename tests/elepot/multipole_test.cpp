@@ -12,6 +12,7 @@
 #include <memory>
 #include <numeric>
 #include <random>
+#include <string>
 #include <vector>
 
 #include "common/capture.h"
@@ -21,6 +22,7 @@
 #include "elepot/fmch.h"
 #include "grid/grid.h"
 #include "moldata/molecule.h"
+#include "moldata/reader.h"
 
 namespace {
 
@@ -113,6 +115,61 @@ TEST_F(Multipoles, FarThresholdIsTheBoysSwitch) {
             EXPECT_LE(t * g, ep::fmch_switch_point(lab)) << lab << " " << g;
             EXPECT_GT(std::nextafter(t, 1e300) * g, ep::fmch_switch_point(lab)) << lab << " " << g;
         }
+}
+
+// The points, not the shell pairs, are divided among the threads, so every
+// point receives its terms in one order: the values are the same bits for any
+// thread count, the progress is one sequence of lines, and both paths count
+// the same evaluations.
+TEST_F(Multipoles, ThreadCountLeavesEveryBitAndTheProgressAlone) {
+    auto mol = every_type_molecule();
+    double half[3][3] = {{6.0, 0, 0}, {0, 1.0, 0}, {0, 0, 1.5}}, sp[3] = {0.5, 0.5, 0.5};
+    const double centre[3] = {1.5, 0.4, 0.1};
+    int n[3] = {13, 3, 5};
+    auto g = kvx::grid::grid_build(3, centre, half, sp, n);
+    std::vector<double> one;
+    std::string one_text;
+    ep::PotPathCounts one_counts{};
+    for (int numt : {1, 2, 3, 7}) {
+        ASSERT_EQ(ep::elepot_init(mol.get(), g.get(), 400.0, 1e-10, numt), 1);
+        std::vector<double> out(g->total, -123.0);
+        const std::string text = kvx::test::captured([&] { ep::comp_elepot(out.data(), mol.get(), nullptr); });
+        const auto counts = ep::elepot_path_counts();
+        if (numt == 1) {
+            one = out, one_text = text, one_counts = counts;
+            continue;
+        }
+        EXPECT_EQ(out, one) << numt << " threads";
+        EXPECT_EQ(text, one_text) << numt << " threads";
+        EXPECT_EQ(counts.kernels, one_counts.kernels) << numt << " threads";
+        EXPECT_EQ(counts.multipoles, one_counts.multipoles) << numt << " threads";
+    }
+    // An interrupt stops every thread after its current shell pair.
+    ASSERT_EQ(ep::elepot_init(mol.get(), g.get(), 400.0, 1e-10, 3), 1);
+    kvx::common::abort_flag = 1;
+    std::vector<double> out(g->total);
+    EXPECT_EQ(kvx::test::captured([&] { ep::comp_elepot(out.data(), mol.get(), nullptr); }),
+              "Computing Electrostatic Potential:\n ABORTED\n");
+    kvx::common::abort_flag = 0;
+}
+
+// -memmax holds the blocks of all threads together: 0.01 MB is four blocks
+// of 288 doubles (d6 shells of the water job), so three threads take one
+// point per slice, and 0.003 MB, one block, leaves one thread.
+TEST_F(Multipoles, MemmaxBoundsTheSlicesOfAllThreadsTogether) {
+    auto mol = kvx::moldata::build_molecule(KVX_TEST_DATA "/water/water").molecule;
+    double half[3][3] = {{1.2, 0, 0}, {0, 0.9, 0}, {0, 0, 0.6}}, sp[3] = {0.6, 0.6, 0.6};
+    const double centre[3] = {0.3, -0.1, 0.4};
+    int n[3] = {5, 4, 3};
+    auto g = kvx::grid::grid_build(3, centre, half, sp, n);
+    ASSERT_EQ(ep::elepot_init(mol.get(), g.get(), 0.01, 1e-10, 3), 1);
+    EXPECT_EQ(ep::elepot_slice_sizes(), std::vector<int>(20, 1));
+    std::vector<double> three(g->total), one(g->total);
+    kvx::test::captured([&] { ep::comp_elepot(three.data(), mol.get(), nullptr); });
+    ASSERT_EQ(ep::elepot_init(mol.get(), g.get(), 0.003, 1e-10, 3), 1);
+    EXPECT_EQ(ep::elepot_slice_sizes(), std::vector<int>(60, 1));
+    kvx::test::captured([&] { ep::comp_elepot(one.data(), mol.get(), nullptr); });
+    EXPECT_EQ(three, one);
 }
 
 }  // namespace
