@@ -8,7 +8,9 @@
 #include <vector>
 
 #include "common/fatal.h"
+#include "common/parallel.h"
 #include "elepot/fmch.h"
+#include "elepot/multipole.h"
 #include "elepot/pot_setup.h"
 #include "gauss/gtoprod.h"
 #include "gauss/shell_types.h"
@@ -23,6 +25,7 @@ using std::size_t;
 namespace {
 
 PotSetup g_ep;
+PotCounts g_counts;  // of the last comp_elepot
 
 // Factorials to index n; false when memory runs out.
 bool grow_factorials(PotSetup& S, int n) {
@@ -109,8 +112,10 @@ namespace {
 
 // Set-up on the points of lines (moved into the state). The slices hold the
 // integral blocks (maxfun^2 doubles per point) and, for a list, also the line
-// tables of their points; together they fit in memmax megabytes.
-int setup(const moldata::Molecule* mol, PointLines&& lines, const grid::Grid* grid, double memmax, double thresh) {
+// tables of their points; the slices of all threads together fit in memmax
+// megabytes (fewer threads when memmax holds fewer than one block each).
+int setup(const moldata::Molecule* mol, PointLines&& lines, const grid::Grid* grid, double memmax, double thresh,
+          int numt) {
     elepot_cleanup();
     if (!mol || mol->shells.empty()) return 0;
     PotSetup& S = g_ep;
@@ -125,7 +130,6 @@ int setup(const moldata::Molecule* mol, PointLines&& lines, const grid::Grid* gr
         maxprim = std::max(maxprim, sh.nprim);
     }
     if (!mol->density || mol->density->n < mol->nbasis) return 0;
-    S.numt = 1;
 
     const double avail = memmax * 131072.0;
     double need = static_cast<double>(maxfun) * maxfun * 8.0;
@@ -137,6 +141,7 @@ int setup(const moldata::Molecule* mol, PointLines&& lines, const grid::Grid* gr
         need += 3.0 * pairs * per_line * 8.0;
     }
     if (!(need <= avail)) return 0;
+    S.numt = static_cast<int>(std::min<double>(common::thread_count(numt), std::floor(avail / need)));
 
     if (!grow_factorials(S, 2 * L)) return 0;
     if (!build_tho(S, L)) {
@@ -153,12 +158,14 @@ int setup(const moldata::Molecule* mol, PointLines&& lines, const grid::Grid* gr
         return 0;
     }
     const long npoints = S.lines.npoints;
-    S.per_slice = static_cast<long>(std::min(avail / need, static_cast<double>(std::max(npoints, 1L))));
-    if (!common::try_alloc([&] { S.slice_size = slice_sizes(npoints, S.per_slice); })) {
+    S.per_slice = static_cast<long>(std::min(avail / S.numt / need, static_cast<double>(std::max(npoints, 1L))));
+    long first0 = 0, count0 = 0;
+    common::share_range(npoints, S.numt, 0, first0, count0);
+    if (!common::try_alloc([&] { S.slice_size = slice_sizes(count0, S.per_slice); })) {
         elepot_cleanup();
         return 0;
     }
-    S.max_slice = S.slice_size.empty() ? 0 : S.slice_size[0];
+    S.max_slice = static_cast<int>(std::min(S.per_slice, std::max(count0, 1L)));
 
     S.maxcontr = maxcontr;
     S.maxprim2 = maxprim * maxprim;
@@ -176,7 +183,7 @@ int setup(const moldata::Molecule* mol, PointLines&& lines, const grid::Grid* gr
 
 }  // namespace
 
-int elepot_init(const moldata::Molecule* mol, const grid::Grid* grid, double memmax, double thresh, int /*numt*/) {
+int elepot_init(const moldata::Molecule* mol, const grid::Grid* grid, double memmax, double thresh, int numt) {
     if (!grid) {
         elepot_cleanup();
         return 0;
@@ -186,24 +193,27 @@ int elepot_init(const moldata::Molecule* mol, const grid::Grid* grid, double mem
         elepot_cleanup();
         return 0;
     }
-    return setup(mol, std::move(lines), grid, memmax, thresh);
+    return setup(mol, std::move(lines), grid, memmax, thresh, numt);
 }
 
 int elepot_init_points(const moldata::Molecule* mol, const double* xyz, long n, double memmax, double thresh,
-                       int /*numt*/) {
+                       int numt) {
     PointLines lines;
     if (!xyz || n <= 0 || !common::try_alloc([&] { lines = list_lines(xyz, n); })) {
         elepot_cleanup();
         return 0;
     }
-    return setup(mol, std::move(lines), nullptr, memmax, thresh);
+    return setup(mol, std::move(lines), nullptr, memmax, thresh, numt);
 }
 
 long elepot_point_count() { return g_ep.L >= 0 ? g_ep.lines.npoints : 0; }
 
-void nuclear_potential(double* out, const PointLines& lines, const moldata::Atom* atoms, int natoms) {
-    if (!out) return;
-    for (long p = 0; p < lines.npoints; ++p) {
+namespace {
+
+// out[p] for the points first .. first + count - 1.
+void nuclear_range(double* out, const PointLines& lines, const moldata::Atom* atoms, int natoms, long first,
+                   long count) {
+    for (long p = first; p < first + count; ++p) {
         double r[3];
         lines.point(p, r);
         double v = 0.0;
@@ -217,27 +227,62 @@ void nuclear_potential(double* out, const PointLines& lines, const moldata::Atom
     }
 }
 
+}  // namespace
+
+void nuclear_potential(double* out, const PointLines& lines, const moldata::Atom* atoms, int natoms) {
+    if (out) nuclear_range(out, lines, atoms, natoms, 0, lines.npoints);
+}
+
+// The points, not the shell pairs, are divided among the threads: each
+// thread takes a contiguous part of the points through every shell pair, so
+// every point receives its terms in the order one thread gives them and the
+// values do not depend on the thread count (divided by pairs, the threads'
+// partial sums would be added at each point in another order).
 void comp_elepot(double* out, const moldata::Molecule* mol, const unsigned char* admit) {
     if (!out || !mol) return;
     std::puts("Computing Electrostatic Potential:");
     std::fflush(stdout);
+    g_counts = PotCounts{};
+    const PotSetup& S = g_ep;
     const int natoms = std::min(mol->natoms, static_cast<int>(mol->atoms.size()));
-    nuclear_potential(out, g_ep.lines, mol->atoms.data(), natoms);
-    if (g_ep.L >= 0 && mol->density) {
-        PotShare share;
-        share.out = out;
-        share.density = mol->density.get();
-        share.shells = mol->shells.data();
-        share.nshell = static_cast<int>(mol->shells.size());
-        share.nbasis = mol->nbasis;
-        share.index = 0;
-        share.admit = admit;
-        pot_ints(share);
+    const bool electrons = S.L >= 0 && mol->density;
+    FarField far;
+    if (electrons && S.multipoles) build_far_field(*mol, S.thresh, S.maxfun, far);
+    const int nshares = std::max(S.numt, 1);
+    std::vector<PotShare> shares(static_cast<std::size_t>(nshares));
+    std::vector<std::shared_ptr<PotWork>> work(static_cast<std::size_t>(nshares));
+    std::vector<PotCounts> counts(static_cast<std::size_t>(nshares));
+    for (int s = 0; s < nshares; ++s) {
+        PotShare& sh = shares[static_cast<std::size_t>(s)];
+        sh.out = out;
+        sh.density = mol->density.get();
+        sh.shells = mol->shells.data();
+        sh.nshell = static_cast<int>(mol->shells.size());
+        sh.nbasis = mol->nbasis;
+        sh.index = s;
+        sh.admit = admit;
+        common::share_range(S.lines.npoints, nshares, s, sh.first, sh.count);
+        if (electrons) work[static_cast<std::size_t>(s)] = alloc_work(S, sh, far.Lmax);
+    }
+    const double nsh = static_cast<double>(mol->shells.size());
+    PotProgress progress(nshares, nsh * (nsh + 1) / 2.0);
+    common::run_shares(nshares, [&](int s) {
+        const PotShare& sh = shares[static_cast<std::size_t>(s)];
+        nuclear_range(out, S.lines, mol->atoms.data(), natoms, sh.first, sh.count);
+        if (electrons)
+            integrate_share(S, sh, far, *work[static_cast<std::size_t>(s)], progress,
+                            counts[static_cast<std::size_t>(s)]);
+    });
+    for (const PotCounts& c : counts) {
+        g_counts.near += c.near;
+        g_counts.far += c.far;
     }
     std::puts(common::abort_flag ? " ABORTED" : " DONE");
     std::fflush(stdout);
 }
 
-void pot_ints(PotShare& share) { integrate_share(g_ep, share); }
+PotPathCounts elepot_path_counts() { return {g_counts.near, g_counts.far}; }
+
+void elepot_use_multipoles(bool on) { g_ep.multipoles = on; }
 
 }  // namespace kvx::elepot

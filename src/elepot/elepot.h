@@ -12,8 +12,10 @@ namespace kvx::elepot {
 
 struct PointLines;
 
-// Set-up for one grid and threshold: 1 = ready, 0 = refused. numt is
-// accepted and ignored (one work share).
+// Set-up for one grid and threshold: 1 = ready, 0 = refused. numt is the
+// -numt value (common::thread_count): the threads comp_elepot runs, each on
+// its own contiguous part of the points; -memmax bounds their integral
+// blocks together.
 int elepot_init(const moldata::Molecule* mol, const grid::Grid* grid, double memmax, double thresh, int numt);
 // Set-up for a list of n points (x y z each, bohr) instead of a grid; the
 // potential is then computed at those points in their order.
@@ -32,23 +34,19 @@ void comp_elepot(double* out, const moldata::Molecule* mol, const unsigned char*
 // nucleus takes no term from it.
 void nuclear_potential(double* out, const PointLines& lines, const moldata::Atom* atoms, int natoms);
 
-// One work share of the integral worker: its output (indexed by point), the
-// molecule's total density, shells and counts, the share index, and the
-// points it integrates (count -1: all from first on) with their admission
-// flags (null: all).
-struct PotShare {
-    double* out = nullptr;
-    const moldata::TriMatrix* density = nullptr;
-    const moldata::Shell* shells = nullptr;
-    int nshell = 0;
-    int nbasis = 0;
-    int index = 0;
-    long first = 0;
-    long count = -1;
-    const unsigned char* admit = nullptr;
+// Primitive-pair evaluations of the last comp_elepot by path: near a pair's
+// centre through the Boys tables and the kernels, beyond the Boys function's
+// asymptotic switch as point multipoles.
+struct PotPathCounts {
+    long kernels = 0;
+    long multipoles = 0;
 };
-// Electronic part, subtracted into share.out: out -= sum_ab D_ab <a|1/|r-C||b>.
-void pot_ints(PotShare& share);
+PotPathCounts elepot_path_counts();
+
+// Multipoles on (the default after every set-up) or off: off sends every
+// unscreened pair through the Boys tables and the kernels, as the potential
+// was computed before the multipole path (kept for comparisons).
+void elepot_use_multipoles(bool on);
 
 // Slice sizes (points per integral-block batch) chosen by the last set-up.
 const std::vector<int>& elepot_slice_sizes();

@@ -1,5 +1,6 @@
 #include "elepot/fmch.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstddef>
 #include <vector>
@@ -177,6 +178,51 @@ void fmch(double* F, int m, double x) {
     } else {
         const double ex = std::exp(-x);
         for (int k = m - 1; k >= 0; --k) F[k] = (2.0 * x * F[k + 1] + ex) * den[k + 1];
+    }
+}
+
+void fmch_batch(double* F, int ld, int m, const double* x, int n) {
+    constexpr int kMax = 128;  // arguments per pass
+    const double xf = g.xfl[static_cast<std::size_t>(m)];
+    const double* tab[kTaylor + 1];
+    for (int j = 0; j <= kTaylor; ++j) tab[j] = g.tab[static_cast<std::size_t>(m + j)].data();
+    const double* den = g.den.data();
+    int c[kMax];
+    double delta[kMax], T[kTaylor + 1][kMax], ex[kMax], Fk[kMax];
+    for (int i0 = 0; i0 < n; i0 += kMax) {
+        const int nb = std::min(kMax, n - i0);
+        const double* xb = x + i0;
+        double* Fb = F + static_cast<std::ptrdiff_t>(i0) * ld;
+        // The nearest grid point (a tie takes the lower): x <= xf here is >= 0
+        // and below the table's end, so truncation is floor.
+        for (int i = 0; i < nb; ++i) {
+            const double xi = xb[i] <= xf ? xb[i] : 0.0;
+            const double q = static_cast<double>(static_cast<int>(xi / kStep));
+            const bool up = std::fabs(q * kStep - xi) > std::fabs((q + 1.0) * kStep - xi);
+            c[i] = static_cast<int>(q) + (up ? 1 : 0);
+            delta[i] = static_cast<double>(c[i]) * kStep - xi;
+        }
+        for (int j = 0; j <= kTaylor; ++j)
+            for (int i = 0; i < nb; ++i) T[j][i] = tab[j][c[i]];
+        // F_m(x) = sum_j F_(m+j)(x_c) delta^j / j! (delta = 0 leaves tab[m][c]).
+        for (int i = 0; i < nb; ++i) {
+            double sum = T[0][i], term = 1.0;
+            for (int j = 1; j <= kTaylor; ++j) {
+                term = term * delta[i] / j;
+                sum += T[j][i] * term;
+            }
+            Fk[i] = sum;
+        }
+        for (int i = 0; i < nb; ++i) {
+            if (!(xb[i] <= xf)) Fk[i] = asymptotic(m, xb[i]);
+            ex[i] = xb[i] >= kNoExp ? 0.0 : std::exp(-xb[i]);  // 2x F + 0 is 2x F
+            Fb[static_cast<std::ptrdiff_t>(i) * ld + m] = Fk[i];
+        }
+        for (int k = m - 1; k >= 0; --k)
+            for (int i = 0; i < nb; ++i) {
+                Fk[i] = (2.0 * xb[i] * Fk[i] + ex[i]) * den[k + 1];
+                Fb[static_cast<std::ptrdiff_t>(i) * ld + k] = Fk[i];
+            }
     }
 }
 

@@ -17,6 +17,9 @@ void fmch_init(int n);
 int fmch_table(int n);
 // F[0..m] = F_0(x)..F_m(x), x >= 0, m <= fmch_top(). Allocation-free.
 void fmch(double* F, int m, double x);
+// F[i ld + k] = F_k(x[i]), k = 0..m, for i < n: the values of fmch at each
+// argument, with the tables of the batch looked up once.
+void fmch_batch(double* F, int ld, int m, const double* x, int n);
 // Frees every table; the top returns to -1.
 void fmch_release();
 

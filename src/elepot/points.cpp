@@ -79,12 +79,19 @@ PointLines lattice_lines(const grid::Grid& g) {
         pl.geo.point_of_indices(r, idx);
         pl.z[static_cast<std::size_t>(k)] = r[2];
     }
+    bool up = true, down = true;
+    for (std::size_t k = 1; k < pl.z.size(); ++k) {
+        up = up && pl.z[k] >= pl.z[k - 1];
+        down = down && pl.z[k] <= pl.z[k - 1];
+    }
+    pl.z_monotone = up || down;
     return pl;
 }
 
 PointLines list_lines(const double* xyz, long n) {
     PointLines pl;
     pl.lattice = false;
+    pl.z_monotone = false;
     pl.npoints = n;
     pl.nx = pl.ny = pl.nz = static_cast<int>(n);
     pl.xyz.assign(xyz, xyz + 3 * n);

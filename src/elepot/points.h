@@ -18,6 +18,7 @@ struct PointLines {
     // Lattice: point p = (i ny + j) nz + k lies on lines (i, j, k), with 1 for
     // the extents of missing dimensions. List: point p lies on lines (p, p, p).
     bool lattice = true;
+    bool z_monotone = true;  // z[k] never rises or never falls with k
     int nx = 0, ny = 0, nz = 0;
     long npoints = 0;
     grid::GridGeometry geo;   // lattice: where each point really is

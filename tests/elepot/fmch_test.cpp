@@ -1,13 +1,15 @@
 // Boys function F_m(x) against erf (order 0) and Gauss-Legendre quadrature of
 // the defining integral (every order): across the table, on and between grid
-// points, at each order's switch point and beyond x = 40.
+// points, at each order's switch point and beyond x = 40; the batched form
+// against the single one.
+#include "elepot/fmch.h"
+
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <numbers>
+#include <random>
 #include <vector>
-
-#include "elepot/fmch.h"
 
 using namespace kvx::elepot;
 
@@ -99,6 +101,31 @@ TEST_F(Fmch, GrowingServesHigherOrdersAndReleaseResetsTop) {
     for (double x : {0.3, 17.2, 45.0}) check(9, x);
     fmch_release();
     EXPECT_EQ(fmch_top(), -1);
+}
+
+// The batched Boys function is fmch to the last bit: on and between grid
+// points, at and beyond each order's switch, and past x = 40 where the
+// recursion drops exp(-x).
+TEST_F(Fmch, BatchedValuesAreFmchBitForBit) {
+    fmch_init(12);
+    std::mt19937 rng(11);
+    std::uniform_real_distribution<double> u(0.0, 1.0);
+    for (int m = 0; m <= 12; ++m) {
+        const double xf = fmch_switch_point(m);
+        std::vector<double> x = {0.0,  0.05, 0.025, 1.0, xf, std::nextafter(xf, 0.0), std::nextafter(xf, 1e300),
+                                 40.0, 1e3,  1e8};
+        for (int k = 0; k < 300; ++k) x.push_back(u(rng) * 1.2 * xf);
+        const int ld = m + 2;
+        std::vector<double> F(x.size() * static_cast<std::size_t>(ld), -7.0), one(static_cast<std::size_t>(m) + 1);
+        fmch_batch(F.data(), ld, m, x.data(), static_cast<int>(x.size()));
+        for (std::size_t i = 0; i < x.size(); ++i) {
+            fmch(one.data(), m, x[i]);
+            for (int k = 0; k <= m; ++k)
+                ASSERT_EQ(F[i * ld + static_cast<std::size_t>(k)], one[static_cast<std::size_t>(k)])
+                    << "m " << m << " x " << x[i] << " k " << k;
+            ASSERT_EQ(F[i * ld + static_cast<std::size_t>(m) + 1], -7.0) << "overrun";
+        }
+    }
 }
 
 }  // namespace

@@ -1,17 +1,15 @@
-// Per-pair block code: the potential kernels against a brute-force triple
-// sum, the fixed-length accumulators against guard values, and the density
-// gather against a block worked out by hand.
+// Per-pair block code: the line kernel against a brute-force triple sum of
+// every block element, and the density gather against a block worked out by
+// hand.
 #include "elepot/kernels.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cmath>
 #include <random>
 #include <utility>
 #include <vector>
 
-#include "elepot/accum.h"
 #include "gauss/shell_types.h"
 #include "moldata/molecule.h"
 
@@ -61,61 +59,42 @@ struct Tables {
     }
 };
 
-TEST(Kernels, GenericAndSpecialisedMatchBruteForceForEveryTypePair) {
-    // Two summation orders of at most 7^3 products of four factors differ by
-    // less than (343 + 4) 2^-53 sum|terms| ~ 4e-14 sum|terms|.
+// Along a line X and Y stay and Z and F change: the weights folded with one
+// line's X and Y, then three points of it, against sum_ij w_ij V_ij by the
+// straight triple sum, for every pair of types (the compile-time loops up to f
+// and the general ones beyond).
+TEST(Kernels, LineKernelMatchesBruteForceForEveryTypePair) {
+    // Two summation orders of at most 7^3 products of five factors per element
+    // differ by less than (343 + 5) 2^-53 sum|terms| ~ 4e-14 sum|terms|.
     constexpr double kRoundRel = 4e-14;
     std::mt19937 rng(12345);
-    std::vector<double> ref, mag;
+    std::uniform_real_distribution<double> u(-1.0, 1.0);
+    std::vector<double> ref, mag, C;
     for (int tA = 1; tA <= 13; ++tA)
         for (int tB = 1; tB <= 13; ++tB) {
-            // s, p, sp, d and f on both sides (types 1..7) have their own form.
-            const KernelFn sel = select_kernel(tA, tB);
-            EXPECT_EQ(sel == &generic_kernel, tA > 7 || tB > 7) << tA << "," << tB;
-            for (int rep = 0; rep < 3; ++rep) {
-                const Tables t(kL[tA], kL[tB], rng, rep > 0);
-                t.brute_force(tA, tB, ref, mag);
-                for (KernelFn k : {sel, &generic_kernel}) {
-                    std::vector<double> out(ref.size() + 3, -99.0);
-                    k(tA, tB, t.X.data(), t.Y.data(), t.Z.data(), t.ns, t.F.data(), out.data());
-                    for (std::size_t e = 0; e < out.size(); ++e)
-                        ASSERT_NEAR(out[e], e < ref.size() ? ref[e] : -99.0, e < ref.size() ? kRoundRel * mag[e] : 0.0)
-                            << "types " << tA << "," << tB << " element " << e << (k == sel ? " selected" : " generic");
+            const int lA = kL[tA], lB = kL[tB];
+            for (int rep = 0; rep < 2; ++rep) {
+                const Tables line(lA, lB, rng, rep > 0);
+                std::vector<double> w(static_cast<std::size_t>(kComp[tA] * kComp[tB]));
+                for (auto& x : w) x = (rep > 0 && rng() % 5 == 0) ? 0.0 : u(rng);
+                C.assign(static_cast<std::size_t>((lA + 1) * (lB + 1) * (lA + lB + 1)) + 4, -99.0);
+                line_weights(tA, tB, line.X.data(), line.Y.data(), line.ns, w.data(), C.data());
+                for (std::size_t e = C.size() - 4; e < C.size(); ++e) ASSERT_EQ(C[e], -99.0) << "C overrun";
+                for (int point = 0; point < 3; ++point) {
+                    Tables at(lA, lB, rng, rep > 0);
+                    at.X = line.X;
+                    at.Y = line.Y;
+                    at.brute_force(tA, tB, ref, mag);
+                    double want = 0.0, bound = 0.0;
+                    for (std::size_t ij = 0; ij < w.size(); ++ij) {
+                        want += w[ij] * ref[ij];
+                        bound += std::fabs(w[ij]) * mag[ij];
+                    }
+                    const double got = select_line_point(lA, lB)(lA, lB, C.data(), at.Z.data(), at.ns, at.F.data());
+                    ASSERT_NEAR(got, want, kRoundRel * bound) << "types " << tA << "," << tB << " point " << point;
                 }
             }
         }
-}
-
-TEST(Accum, EveryTypePairTouchesExactlyItsBlock) {
-    constexpr int kGuard = 5;
-    std::vector<double> fac(784), val(784), dst(784 + kGuard), before(dst.size());
-    for (int k = 0; k < 784; ++k) {
-        fac[k] = 0.5 + 0.001 * k;
-        val[k] = 1.0 - 0.003 * k;
-    }
-    for (int a = 1; a <= 13; ++a)
-        for (int b = 1; b <= 13; ++b)
-            for (int op = 0; op < 3; ++op) {
-                const int n = kComp[a] * kComp[b];
-                for (std::size_t k = 0; k < dst.size(); ++k) dst[k] = before[k] = 0.25 * static_cast<double>(k) - 3.1;
-                if (op == 0) which_intc_zero(a, b)(dst.data());
-                if (op == 1) which_intc_init(a, b)(fac.data(), val.data(), dst.data());
-                if (op == 2) which_intc_accum(a, b)(fac.data(), val.data(), dst.data());
-                for (int k = 0; k < n + kGuard; ++k) {
-                    const double want = k >= n ? before[k] : (op == 2 ? before[k] : 0.0) + (op ? val[k] * fac[k] : 0.0);
-                    ASSERT_EQ(dst[k], want) << "types " << a << "," << b << " op " << op << " element " << k;
-                }
-            }
-}
-
-// A type without components selects nothing; the message goes to stdout.
-TEST(AccumDeathTest, NoRoutineForAnEmptyType) {
-    const std::pair<void (*)(), const char*> cases[] = {
-        {[] { which_intc_zero(0, 5); }, "Accum which_intc_zero: cannot select function"},
-        {[] { which_intc_init(3, 0); }, "Accum which_intc_init: cannot select function"},
-        {[] { which_intc_accum(0, 0); }, "Accum which_intc_accum: cannot select function"},
-    };
-    for (const auto& [call, msg] : cases) EXPECT_EXIT((dup2(2, 1), call()), ::testing::ExitedWithCode(0), msg);
 }
 
 TEST(DensityGather, BlocksByHand) {

@@ -224,6 +224,31 @@ TEST_F(KalvexRun, ChelpAloneAndAfterThePotentialFit) {
     EXPECT_EQ(s1.str(), s2.str());
 }
 
+// -numt divides the potential's points among threads: the potential file,
+// its stamp and the CHELPG report are the same bytes for every count, and so
+// is what the run prints.
+TEST_F(KalvexRun, ThreadCountLeavesThePotentialAndTheChargesByteIdentical) {
+    for (const char* job : {"water", "ohrad"}) {
+        std::string grid1, chelp1, out1;
+        for (const char* numt : {"1", "2", "3", "7"}) {
+            RunResult r =
+                run(std::string(job) + " -xp 9 -yp 8 -zp 7 -base t -force 1 -numt " + numt + " -ep -chelp", "");
+            ASSERT_EQ(r.status, 0) << r.out;
+            r.out.erase(0, r.out.find('\n'));  // the process id line
+            const std::string grid = kvx::test::read_file(dir / "t-ep.grid");
+            const std::string chelp = kvx::test::read_file(dir / (std::string(job) + ".chelp"));
+            ASSERT_FALSE(grid.empty()) << r.out;
+            if (std::string(numt) == "1") {
+                grid1 = grid, chelp1 = chelp, out1 = r.out;
+                continue;
+            }
+            EXPECT_EQ(grid, grid1) << job << " -numt " << numt;
+            EXPECT_EQ(chelp, chelp1) << job << " -numt " << numt;
+            EXPECT_EQ(r.out, out1) << job << " -numt " << numt;
+        }
+    }
+}
+
 // Ctrl-C cancels the property in progress only; the handler re-arms, so a
 // second interrupt cancels the next long property the same way.
 TEST_F(KalvexRun, InterruptCancelsOnlyTheCurrentProperty) {
