@@ -28,7 +28,7 @@ struct ChargeSettings {
     RespSettings resp;
     double thresh = 1e-6;   // integral threshold of the potential
     double memmax = 400.0;  // MB for potential integral blocks
-    int numt = -4;          // accepted, not used yet
+    int numt = -4;          // threads of the potential, as -numt of kalvex
 };
 
 // The atoms that take part: the molecule's first natoms - ndummy[1].

@@ -33,7 +33,7 @@ constexpr OptionHelp kOptionHelp[] = {
     {"-force", "0|1", "0", "1: recompute even when an up-to-date file exists"},
     {"-fgrid", "0|1", "1", "value order in files: 1 x fastest, 0 storage order (z fastest)"},
     {"-banner", "0|1", "0", "1: print the banner"},
-    {"-numt", "N", "-4", "accepted for compatibility; Kalvex runs single-threaded"},
+    {"-numt", "N", "-4", "threads: N, 0 one per core, negative one"},
 };
 
 const char* argument_names(int nargs) { return nargs == 1 ? "N" : nargs == 3 ? "TYPE A B" : ""; }
