@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "common/fatal.h"
+#include "common/parallel.h"
 #include "gauss/gtoprod.h"
 #include "gauss/spherical.h"
 
@@ -19,7 +20,7 @@ namespace {
 
 struct GtoState {
     std::unique_ptr<GtoBuilder> bptr;
-    int stride = 1;
+    int threads = 1;
     int scratch_width = 0;
 };
 GtoState g_gto;
@@ -79,6 +80,39 @@ void fill_axis(PowerTable& t, const GridGeometry& geo, int axis, int npoints,
             t.offset[static_cast<std::size_t>(i) * natoms + a] = static_cast<std::ptrdiff_t>(at);
         }
     }
+}
+
+// Primitive rows of the exponential tables: shells in range-table order.
+int number_primitives(const RangeTable& rt, std::vector<std::vector<int>>& slot) {
+    int next = 0;
+    slot.resize(rt.natoms);
+    for (int a = 0; a < rt.natoms; ++a) {
+        slot[a].resize(rt.atshpt[a].size());
+        for (std::size_t s = 0; s < rt.atshpt[a].size(); ++s) {
+            slot[a][s] = next;
+            next += rt.atshpt[a][s]->nprim;
+        }
+    }
+    return next;
+}
+
+// exp(-alpha d^2) with d^2 the power table's element 2, for every primitive
+// and every point of one axis.
+void fill_exp(ExpTable& t, const PowerTable& pd, const RangeTable& rt, const std::vector<std::vector<int>>& slot,
+              int nslots, const char* name) {
+    char msg[64];
+    std::snprintf(msg, sizeof msg, "Gto make_gtobuilder: cannot allocate %s", name);
+    alloc_or_die(msg, [&] { t.v.assign(static_cast<std::size_t>(nslots) * pd.npoints, 0.0); });
+    t.npoints = pd.npoints;
+    for (int a = 0; a < rt.natoms; ++a)
+        for (std::size_t s = 0; s < rt.atshpt[a].size(); ++s) {
+            const moldata::Shell& sh = *rt.atshpt[a][s];
+            for (int p = 0; p < sh.nprim; ++p) {
+                double* row = t.v.data() + static_cast<std::size_t>(slot[a][s] + p) * t.npoints;
+                for (int i = 0; i < pd.npoints; ++i)
+                    if (const double* e = pd.entry(i, a)) row[i] = std::exp(-sh.exponent(p) * e[2]);
+            }
+        }
 }
 
 }  // namespace
@@ -202,15 +236,23 @@ std::unique_ptr<GtoBuilder> make_gtobuilder(std::shared_ptr<RangeTable> table, c
     fill_axis(b->pdx, geo, 0, nx, pos, lmax, rmax, "pdx");
     fill_axis(b->pdy, geo, 1, ny, pos, lmax, rmax, "pdy");
     fill_axis(b->pdz, geo, 2, nz, pos, lmax, rmax, "pdz");
+    int nslots = 0;
+    alloc_or_die("Gto make_gtobuilder: cannot allocate bptr",
+                 [&] { nslots = number_primitives(*table, b->prim_slot); });
+    fill_exp(b->ex, b->pdx, *table, b->prim_slot, nslots, "pdx");
+    fill_exp(b->ey, b->pdy, *table, b->prim_slot, nslots, "pdy");
+    fill_exp(b->ez, b->pdz, *table, b->prim_slot, nslots, "pdz");
+    for (int l : lmax) b->lmax = std::max(b->lmax, l);
+    b->atom_lmax = std::move(lmax);
     b->grid = grid;
     b->geo = geo;
     b->ranges = std::move(table);
     return b;
 }
 
-int gto_setup(moldata::Molecule* mol, const Grid* grid, double eps, int /*numt*/) {
+int gto_setup(moldata::Molecule* mol, const Grid* grid, double eps, int numt) {
     if (!mol || !grid) return 0;
-    g_gto.stride = 1;
+    g_gto.threads = common::thread_count(numt);
     int width = 2;
     for (const auto& sh : mol->shells) width = std::max(width, sh.ncontr());
     g_gto.scratch_width = width;
@@ -227,12 +269,12 @@ int gto_setup(moldata::Molecule* mol, const Grid* grid, double eps, int /*numt*/
 
 void gto_free() {
     g_gto.bptr.reset();
-    g_gto.stride = 1;
+    g_gto.threads = 1;
     g_gto.scratch_width = 0;
 }
 
 const GtoBuilder* gto_builder() { return g_gto.bptr.get(); }
-int gto_stride() { return g_gto.stride; }
+int gto_threads() { return g_gto.threads; }
 int gto_scratch_width() { return g_gto.scratch_width; }
 
 namespace {
@@ -268,14 +310,7 @@ double comp_cterm(double* factors, double* cache, const double* pdx, const doubl
             f[2] = z[1];
             break;
         case 6:
-            // zy^2 in the first and 4y^2z^2 in the sixth factor are intended.
-            f[0] = 4.0 * x[2] * y[1] - y[3] - z[1] * y[2];
-            f[1] = 4.0 * x[2] * z[1] - z[1] * y[2] - z[3];
-            f[2] = 4.0 * x[1] * y[2] - x[3] - x[1] * z[2];
-            f[3] = 4.0 * y[2] * z[1] - z[1] * x[2] - z[3];
-            f[4] = 4.0 * x[1] * z[2] - x[3] - x[1] * y[2];
-            f[5] = 4.0 * y[2] * z[2] - y[1] * x[2] - y[3];
-            f[6] = 6.324555320336759 * x[1] * y[1] * z[1];
+            f7_factors(x, y, z, f);
             break;
         case 5:
         case 7:
