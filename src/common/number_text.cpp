@@ -29,7 +29,8 @@ std::uint64_t micro_units(std::uint64_t m, int s) {
 }  // namespace
 
 char* fixed6(char* out, double v) {
-    if (!(std::fabs(v) < kFixedFast)) return std::to_chars(out, out + kNumberTextMax, v, std::chars_format::fixed, 6).ptr;
+    if (!(std::fabs(v) < kFixedFast))
+        return std::to_chars(out, out + kNumberTextMax, v, std::chars_format::fixed, 6).ptr;
     const std::uint64_t bits = std::bit_cast<std::uint64_t>(v);
     const int biased = static_cast<int>((bits >> 52) & 0x7ff);
     std::uint64_t m = bits & ((std::uint64_t{1} << 52) - 1);

@@ -197,8 +197,8 @@ const double* atom_factors(int type, const AtomBlock& ab, int n, BlockWork& w, c
 // R is bounded by its value at the point nearest the atom with every
 // coefficient taken positive.
 template <int L>
-bool block_radial(const GtoBuilder& b, const moldata::Shell& sh, int slot, const PointBlock& blk,
-                  const AtomBlock& ab, double tmax, double mx, double eps, BlockWork& w) {
+bool block_radial(const GtoBuilder& b, const moldata::Shell& sh, int slot, const PointBlock& blk, const AtomBlock& ab,
+                  double tmax, double mx, double eps, BlockWork& w) {
     const ExpTable* et[3] = {&b.ex, &b.ey, &b.ez};
     const int m = sh.ncontr(), n = blk.npts;
     const double* pref = sh.prefact->data();

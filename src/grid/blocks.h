@@ -70,13 +70,13 @@ int shell_functions(const moldata::Shell& sh);
 
 // Per-thread scratch, sized for the builder's shells.
 struct BlockWork {
-    std::vector<double> lpow;  // powers along the line axis, (lmax + 1) rows
-    std::vector<double> fac;   // angular factors, kFactorSize rows
-    std::vector<double> cart;  // cartesian monomials of a spherical type
-    std::vector<double> tmax;  // largest |factor| per factor block, kFactorBlocks rows
+    std::vector<double> lpow;    // powers along the line axis, (lmax + 1) rows
+    std::vector<double> fac;     // angular factors, kFactorSize rows
+    std::vector<double> cart;    // cartesian monomials of a spherical type
+    std::vector<double> tmax;    // largest |factor| per factor block, kFactorBlocks rows
     std::vector<double> tblock;  // largest |factor| per factor block over the block
-    std::vector<double> rad;   // radial values, one row per contraction
-    std::vector<double> phi;   // basis functions of a shell, one row each
+    std::vector<double> rad;     // radial values, one row per contraction
+    std::vector<double> phi;     // basis functions of a shell, one row each
     std::vector<double> r2, r, e, rbig, val, tmp, acc;
     std::vector<unsigned char> formed;  // factor blocks formed for the atom
 };
