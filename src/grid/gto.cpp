@@ -115,6 +115,33 @@ void fill_exp(ExpTable& t, const PowerTable& pd, const RangeTable& rt, const std
         }
 }
 
+// The power table's entries of each atom as rows over its run of points.
+void fill_runs(RunTable& t, const PowerTable& pd, const std::vector<int>& lmax, const char* name) {
+    char msg[64];
+    std::snprintf(msg, sizeof msg, "Gto make_gtobuilder: cannot allocate %s", name);
+    alloc_or_die(msg, [&] { t.run.assign(pd.natoms, AxisRun{}); });
+    std::size_t room = 0;
+    for (int a = 0; a < pd.natoms; ++a) {
+        AxisRun& r = t.run[a];
+        int i = 0;
+        while (i < pd.npoints && !pd.entry(i, a)) ++i;
+        r.lo = r.hi = r.nearest = i;
+        while (r.hi < pd.npoints && pd.entry(r.hi, a)) {
+            if (pd.entry(r.hi, a)[2] < pd.entry(r.nearest, a)[2]) r.nearest = r.hi;
+            ++r.hi;
+        }
+        r.at = room;
+        room += static_cast<std::size_t>(r.hi - r.lo) * (lmax[a] + 1);
+    }
+    alloc_or_die(msg, [&] { t.v.assign(room, 0.0); });
+    for (int a = 0; a < pd.natoms; ++a) {
+        const AxisRun& r = t.run[a];
+        const int len = r.hi - r.lo;
+        for (int i = r.lo; i < r.hi; ++i)
+            for (int k = 0; k <= lmax[a]; ++k) t.v[r.at + static_cast<std::size_t>(k) * len + (i - r.lo)] = pd.entry(i, a)[k];
+    }
+}
+
 }  // namespace
 
 double shell_range(int type, double alpha, double c, double eps) {
@@ -242,6 +269,9 @@ std::unique_ptr<GtoBuilder> make_gtobuilder(std::shared_ptr<RangeTable> table, c
     fill_exp(b->ex, b->pdx, *table, b->prim_slot, nslots, "pdx");
     fill_exp(b->ey, b->pdy, *table, b->prim_slot, nslots, "pdy");
     fill_exp(b->ez, b->pdz, *table, b->prim_slot, nslots, "pdz");
+    fill_runs(b->rx, b->pdx, lmax, "pdx");
+    fill_runs(b->ry, b->pdy, lmax, "pdy");
+    fill_runs(b->rz, b->pdz, lmax, "pdz");
     for (int l : lmax) b->lmax = std::max(b->lmax, l);
     b->atom_lmax = std::move(lmax);
     b->grid = grid;

@@ -86,11 +86,27 @@ struct ExpTable {
     const double* row(int slot) const { return v.data() + static_cast<std::size_t>(slot) * npoints; }
 };
 
+// The same powers per atom in rows, for loops over the points of an axis:
+// the run of points lo .. hi-1 where the atom's entry exists (contiguous,
+// since the displacement is monotone along the axis; empty when lo == hi),
+// power k of point i at v[at + k * (hi - lo) + i - lo], and the point of the
+// run nearest the atom.
+struct AxisRun {
+    int lo = 0, hi = 0;
+    int nearest = 0;
+    std::size_t at = 0;
+};
+struct RunTable {
+    std::vector<AxisRun> run;  // per atom
+    std::vector<double> v;
+};
+
 struct GtoBuilder {
     const Grid* grid = nullptr;
     GridGeometry geo;  // of grid
     std::shared_ptr<RangeTable> ranges;
     PowerTable pdx, pdy, pdz;
+    RunTable rx, ry, rz;
     // Primitive p of shell s of atom a (range-table order) is row
     // prim_slot[a][s] + p of the exponential tables.
     std::vector<std::vector<int>> prim_slot;
