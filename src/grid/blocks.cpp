@@ -78,7 +78,8 @@ bool atom_block(const GtoBuilder& b, int a, const PointBlock& blk, BlockWork& w,
         const int i = blk.idx[d];
         if (i < run.lo || i >= run.hi) return false;
         const int len = run.hi - run.lo;
-        for (int k = 0; k < np; ++k) ab.fixed_pow[d][k] = rt[d]->v[run.at + static_cast<std::size_t>(k) * len + (i - run.lo)];
+        for (int k = 0; k < np; ++k)
+            ab.fixed_pow[d][k] = rt[d]->v[run.at + static_cast<std::size_t>(k) * len + (i - run.lo)];
         ab.fixed[d] = ab.fixed_pow[d];
     }
     const AxisRun& run = rt[L]->run[a];
@@ -110,7 +111,8 @@ void block_monomials(const AtomBlock& ab, double* out) {
     for (int k = 0; k < count; ++k) {
         const gauss::CartExp e = gauss::cart_exponents(Deg, k);
         double* o = out + k * B;
-        for (int pt = ab.p0; pt < ab.p1; ++pt) o[pt] = ab.at<L, 0>(pt)[e.x] * ab.at<L, 1>(pt)[e.y] * ab.at<L, 2>(pt)[e.z];
+        for (int pt = ab.p0; pt < ab.p1; ++pt)
+            o[pt] = ab.at<L, 0>(pt)[e.x] * ab.at<L, 1>(pt)[e.y] * ab.at<L, 2>(pt)[e.z];
     }
 }
 

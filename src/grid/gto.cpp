@@ -138,7 +138,8 @@ void fill_runs(RunTable& t, const PowerTable& pd, const std::vector<int>& lmax, 
         const AxisRun& r = t.run[a];
         const int len = r.hi - r.lo;
         for (int i = r.lo; i < r.hi; ++i)
-            for (int k = 0; k <= lmax[a]; ++k) t.v[r.at + static_cast<std::size_t>(k) * len + (i - r.lo)] = pd.entry(i, a)[k];
+            for (int k = 0; k <= lmax[a]; ++k)
+                t.v[r.at + static_cast<std::size_t>(k) * len + (i - r.lo)] = pd.entry(i, a)[k];
     }
 }
 
