@@ -1,6 +1,5 @@
 #include "common/number_text.h"
 
-#include <bit>
 #include <charconv>
 #include <cmath>
 #include <cstdint>
@@ -11,48 +10,48 @@ namespace kvx::common {
 
 namespace {
 
-// Below this magnitude v 10^6 rounded is an integer of 64 bits at most.
-constexpr double kFixedFast = 1e12;
+// Below this magnitude t = |v| 10^6 < 2^52, where the micro-units below are
+// exact.
+constexpr double kFixedFast = 4e9;
 
-// round_half_even(m 2^-s 10^6) for m < 2^53 and s > 0, exactly: m 10^6 <
-// 2^73 fits 128 bits.
-std::uint64_t micro_units(std::uint64_t m, int s) {
-    if (s >= 128) return 0;  // m 10^6 < 2^73 < 2^(s-1): below half a unit
-    __extension__ using u128 = unsigned __int128;
-    const u128 n = static_cast<u128>(m) * 1000000u;
-    const u128 q = n >> s;
-    const u128 rem = n - (q << s);
-    const u128 half = static_cast<u128>(1) << (s - 1);
-    return static_cast<std::uint64_t>(q + ((rem > half || (rem == half && (q & 1))) ? 1 : 0));
+// round_half_even(|v| 10^6), exactly: t + err = |v| 10^6 exactly (Dekker's
+// product, with 10^6 exact in 26 bits), n0 = t rounded half to even (adding
+// and taking away 2^52), and err decides only when t is a tie.
+std::uint64_t micro_units(double a) {
+    const double t = a * 1e6;
+    const double c = 134217729.0 * a;  // 2^27 + 1: a = ah + al, 26 bits each
+    const double ah = c - (c - a), al = a - ah;
+    const double err = (ah * 1e6 - t) + al * 1e6;
+    const double n0 = (t + 4503599627370496.0) - 4503599627370496.0;
+    const double d = t - n0;  // exact, in [-1/2, 1/2]
+    double n = n0;
+    if (d == 0.5 && err > 0.0) n = n0 + 1.0;
+    if (d == -0.5 && err < 0.0) n = n0 - 1.0;
+    return static_cast<std::uint64_t>(n);
 }
 
 }  // namespace
 
 char* fixed6(char* out, double v) {
-    if (!(std::fabs(v) < kFixedFast))
-        return std::to_chars(out, out + kNumberTextMax, v, std::chars_format::fixed, 6).ptr;
-    const std::uint64_t bits = std::bit_cast<std::uint64_t>(v);
-    const int biased = static_cast<int>((bits >> 52) & 0x7ff);
-    std::uint64_t m = bits & ((std::uint64_t{1} << 52) - 1);
-    // v = m 2^(e) with e = biased - 1075 (subnormals: biased 0, e = -1074);
-    // e < 0 here since |v| < 2^40.
-    int s;
-    if (biased == 0) {
-        s = 1074;
-    } else {
-        m |= std::uint64_t{1} << 52;
-        s = 1075 - biased;
-    }
-    const std::uint64_t q = micro_units(m, s);
-    if (bits >> 63) *out++ = '-';
-    out = std::to_chars(out, out + 24, q / 1000000).ptr;
+    const double a = std::fabs(v);
+    if (!(a < kFixedFast)) return std::to_chars(out, out + kNumberTextMax, v, std::chars_format::fixed, 6).ptr;
+    const std::uint64_t q = micro_units(a);
+    if (std::signbit(v)) *out++ = '-';
+    const std::uint64_t whole = q / 1000000;
+    if (whole < 10)
+        *out++ = static_cast<char>('0' + whole);
+    else
+        out = std::to_chars(out, out + 24, whole).ptr;
     *out++ = '.';
-    std::uint64_t frac = q % 1000000;
-    for (int k = 5; k >= 0; --k) {
-        out[k] = static_cast<char>('0' + frac % 10);
-        frac /= 10;
+    // Six decimals as three pairs of digits.
+    const auto frac = static_cast<unsigned>(q - whole * 1000000);
+    const unsigned pairs[3] = {frac / 10000, frac / 100 % 100, frac % 100};
+    for (unsigned p : pairs) {
+        out[0] = static_cast<char>('0' + p / 10);
+        out[1] = static_cast<char>('0' + p % 10);
+        out += 2;
     }
-    return out + 6;
+    return out;
 }
 
 char* sci5(char* out, double v) {

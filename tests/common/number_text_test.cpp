@@ -40,11 +40,16 @@ std::string sci_text(double v) {
 // The values where a conversion can go wrong: signed zeros, values rounding
 // to zero from either side, exact ties of the sixth and seventh decimal
 // (odd multiples of 2^-7 and 2^-8 are x.5 micro-units), carries into the
-// integer part, both sides of the fast path's 1e12, the extremes and the
+// integer part, both sides of the fast path's limit (4e9), the extremes and the
 // non-finite values.
 std::vector<double> edge_values() {
     const double inf = std::numeric_limits<double>::infinity(), nan = std::numeric_limits<double>::quiet_NaN();
-    std::vector<double> v = {0.0,
+    std::vector<double> v = {4e9,
+                             -4e9,
+                             std::nextafter(4e9, 0.0),
+                             -std::nextafter(4e9, 0.0),
+                             3999999999.9999995,
+                             0.0,
                              -0.0,
                              5e-7,
                              -5e-7,
