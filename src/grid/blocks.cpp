@@ -2,30 +2,30 @@
 
 #include <algorithm>
 #include <cmath>
-#include <limits>
 
 #include "common/fatal.h"
 #include "common/parallel.h"
 #include "gauss/shell_types.h"
 #include "gauss/spherical.h"
+#include "grid/block_kernels.h"
 
 namespace kvx::grid {
 
 namespace {
 
-constexpr int B = kBlockPoints;
-constexpr double kInf = std::numeric_limits<double>::infinity();
+using blockeval::AtomBlock;
+using blockeval::B;
+using blockeval::kMaxPower;
+
 // A block's bound on a radial value leaves this much room for the rounding
 // of the sum it bounds.
 constexpr double kBoundRoom = 1.0 + 1e-12;
-// Powers a table entry holds at most: l <= 6, and at least x^0 .. x^2.
-constexpr int kMaxPower = 7;
 
 // Power k of one axis at point pt of a block: a row of the atom's run on
 // the line axis, the same numbers at every point on the other two.
 struct LinePowers {
-    const double* p;  // row 0 at the block's first point
-    int stride;       // the run's length
+    const double* p;
+    int stride;
     int pt;
     double operator[](int k) const { return p[k * stride + pt]; }
 };
@@ -34,25 +34,20 @@ struct FixedPowers {
     double operator[](int k) const { return p[k]; }
 };
 
-// One atom over one block: points p0 .. p1-1 of the block have its table
-// entries (the point-by-point loop skips the atom at the others).
-struct AtomBlock {
-    const double* fixed[3] = {nullptr, nullptr, nullptr};  // powers on the fixed axes
-    const double* line = nullptr;                          // powers on the line axis
-    int stride = 0;
-    int p0 = 0, p1 = 0;
-    int kstar = 0;      // the point nearest the atom
-    double rmin = 0.0;  // its distance
-    double fixed_pow[3][kMaxPower] = {};
+template <int L, int D>
+inline auto powers_at(const AtomBlock& ab, int pt) {
+    if constexpr (D == L)
+        return LinePowers{ab.line, ab.stride, pt};
+    else
+        return FixedPowers{ab.fixed[D]};
+}
 
-    template <int L, int D>
-    auto at(int pt) const {
-        if constexpr (D == L)
-            return LinePowers{line, stride, pt};
-        else
-            return FixedPowers{fixed[D]};
-    }
-};
+// Types whose factors are single monomials x^i y^j z^k.
+constexpr bool is_cartesian(int type) { return type == 2 || type == 3 || type == 5 || (type >= 7 && type <= 10); }
+
+// Shells the kernels of block_kernels.h take: s and cartesian types with
+// one contraction (sp has one).
+bool is_fused(const moldata::Shell& sh) { return sh.ngc == 1 && (sh.type == 1 || is_cartesian(sh.type)); }
 
 // Row m of a per-point array at one point.
 struct RowsIn {
@@ -66,10 +61,12 @@ struct RowsOut {
     double& operator[](int m) const { return p[m * B + pt]; }
 };
 
-// Set-up of an atom for a block: its run of points, the powers, r^2 and r.
-// False when no point of the block has the atom.
+// Set-up of an atom for a block: its run of points, the fixed axes'
+// powers, the nearest point and its distance (r^2 added as the
+// point-by-point loop adds it, (x^2 + y^2) + z^2). False when no point of
+// the block has the atom.
 template <int L>
-bool atom_block(const GtoBuilder& b, int a, const PointBlock& blk, BlockWork& w, AtomBlock& ab) {
+bool atom_block(const GtoBuilder& b, int a, const PointBlock& blk, AtomBlock& ab) {
     const RunTable* rt[3] = {&b.rx, &b.ry, &b.rz};
     const int np = b.atom_lmax[a] + 1;
     for (int d = 0; d < 3; ++d) {
@@ -79,8 +76,7 @@ bool atom_block(const GtoBuilder& b, int a, const PointBlock& blk, BlockWork& w,
         if (i < run.lo || i >= run.hi) return false;
         const int len = run.hi - run.lo;
         for (int k = 0; k < np; ++k)
-            ab.fixed_pow[d][k] = rt[d]->v[run.at + static_cast<std::size_t>(k) * len + (i - run.lo)];
-        ab.fixed[d] = ab.fixed_pow[d];
+            ab.fixed[d][k] = rt[d]->v[run.at + static_cast<std::size_t>(k) * len + (i - run.lo)];
     }
     const AxisRun& run = rt[L]->run[a];
     const int k0 = blk.idx[L];
@@ -92,15 +88,20 @@ bool atom_block(const GtoBuilder& b, int a, const PointBlock& blk, BlockWork& w,
     // d^2 along the line falls, then rises: its least value on the block is
     // at the run's nearest point, clamped to the block.
     ab.kstar = std::clamp(run.nearest - k0, ab.p0, ab.p1 - 1);
+    const int k = ab.kstar;
+    ab.rmin = std::sqrt(powers_at<L, 0>(ab, k)[2] + powers_at<L, 1>(ab, k)[2] + powers_at<L, 2>(ab, k)[2]);
+    return true;
+}
+
+// r^2 and r at the atom's points of the block.
+template <int L>
+void point_distances(const AtomBlock& ab, BlockWork& w) {
     double* r2 = w.r2.data();
     double* r = w.r.data();
     for (int pt = ab.p0; pt < ab.p1; ++pt) {
-        // (x^2 + y^2) + z^2, as the point-by-point loop adds them.
-        r2[pt] = ab.at<L, 0>(pt)[2] + ab.at<L, 1>(pt)[2] + ab.at<L, 2>(pt)[2];
+        r2[pt] = powers_at<L, 0>(ab, pt)[2] + powers_at<L, 1>(ab, pt)[2] + powers_at<L, 2>(ab, pt)[2];
         r[pt] = std::sqrt(r2[pt]);
     }
-    ab.rmin = r[ab.kstar];
-    return true;
 }
 
 // Cartesian monomials of degree Deg in component order, (x^i y^j) z^k as
@@ -112,7 +113,7 @@ void block_monomials(const AtomBlock& ab, double* out) {
         const gauss::CartExp e = gauss::cart_exponents(Deg, k);
         double* o = out + k * B;
         for (int pt = ab.p0; pt < ab.p1; ++pt)
-            o[pt] = ab.at<L, 0>(pt)[e.x] * ab.at<L, 1>(pt)[e.y] * ab.at<L, 2>(pt)[e.z];
+            o[pt] = powers_at<L, 0>(ab, pt)[e.x] * powers_at<L, 1>(ab, pt)[e.y] * powers_at<L, 2>(ab, pt)[e.z];
     }
 }
 
@@ -129,9 +130,9 @@ void block_type_factors(int type, const AtomBlock& ab, BlockWork& w, double* f) 
         case 2:
         case 3:
             for (int pt = ab.p0; pt < ab.p1; ++pt) {
-                f[pt] = ab.at<L, 0>(pt)[1];
-                f[B + pt] = ab.at<L, 1>(pt)[1];
-                f[2 * B + pt] = ab.at<L, 2>(pt)[1];
+                f[pt] = powers_at<L, 0>(ab, pt)[1];
+                f[B + pt] = powers_at<L, 1>(ab, pt)[1];
+                f[2 * B + pt] = powers_at<L, 2>(ab, pt)[1];
             }
             return;
         case 4:
@@ -141,7 +142,7 @@ void block_type_factors(int type, const AtomBlock& ab, BlockWork& w, double* f) 
             return block_monomials<L, 2>(ab, f);
         case 6:
             for (int pt = ab.p0; pt < ab.p1; ++pt)
-                f7_factors(ab.at<L, 0>(pt), ab.at<L, 1>(pt), ab.at<L, 2>(pt), RowsOut{f, pt});
+                f7_factors(powers_at<L, 0>(ab, pt), powers_at<L, 1>(ab, pt), powers_at<L, 2>(ab, pt), RowsOut{f, pt});
             return;
         case 7:
             return block_monomials<L, 3>(ab, f);
@@ -170,10 +171,10 @@ const double* atom_factors(int type, const AtomBlock& ab, BlockWork& w, const do
     double* f = w.fac.data() + static_cast<std::size_t>(slot) * kFactorBlock * B;
     double* t = w.tmax.data() + static_cast<std::size_t>(slot) * B;
     tpt = t;
-    if (!w.formed[slot]) {
+    if (w.formed[slot] != w.visit) {
         block_type_factors<L>(type, ab, w, f);
-        std::fill(t + ab.p0, t + ab.p1, 0.0);
-        for (int k = 0; k < kGtoComponents[static_cast<std::size_t>(type)]; ++k) {
+        for (int pt = ab.p0; pt < ab.p1; ++pt) t[pt] = std::fabs(f[pt]);
+        for (int k = 1; k < kGtoComponents[static_cast<std::size_t>(type)]; ++k) {
             const double* fk = f + k * B;
             for (int pt = ab.p0; pt < ab.p1; ++pt) {
                 const double v = std::fabs(fk[pt]);
@@ -183,60 +184,100 @@ const double* atom_factors(int type, const AtomBlock& ab, BlockWork& w, const do
         double big = 0.0;
         for (int pt = ab.p0; pt < ab.p1; ++pt) big = t[pt] > big ? t[pt] : big;
         w.tblock[slot] = big;
-        w.formed[slot] = 1;
+        w.formed[slot] = w.visit;
     }
     tblock = w.tblock[slot];
     return f;
 }
 
-// Radial values of a shell at the atom's points (w.rad, one row per
-// contraction; w.rbig their largest magnitude per point):
-// sum_p c_p N_p exp(-a_p du^2) exp(-a_p dv^2) exp(-a_p dl^2). False, with
-// nothing formed, when tmax R maxcmo < eps at every point of the block:
-// R is bounded by its value at the point nearest the atom with every
-// coefficient taken positive.
+// Bound of a shell's radial values over the block: each primitive's
+// exp(-a r^2) at its largest (the block's point nearest the atom) times its
+// largest |coefficient|, with room for rounding. Leaves the per-line
+// numbers N_p exp(-a_p du^2) exp(-a_p dv^2) in w.tmp.
 template <int L>
-bool block_radial(const GtoBuilder& b, const moldata::Shell& sh, int slot, const PointBlock& blk, const AtomBlock& ab,
-                  double tmax, double mx, double eps, BlockWork& w) {
+double radial_bound(const GtoBuilder& b, const moldata::Shell& sh, int slot, const PointBlock& blk, const AtomBlock& ab,
+                    BlockWork& w) {
     const ExpTable* et[3] = {&b.ex, &b.ey, &b.ez};
-    const int m = sh.ncontr(), p0 = ab.p0, p1 = ab.p1;
     const double* pref = sh.prefact->data();
-    double* sline = w.tmp.data();  // per primitive: N_p times the fixed axes' factors
+    const double* cmax = b.prim_cmax.data() + slot;
+    double* sline = w.tmp.data();
     double bound = 0.0;
     for (int p = 0; p < sh.nprim; ++p) {
         double s = pref[p];
         for (int d = 0; d < 3; ++d)
             if (d != L) s *= et[d]->row(slot + p)[blk.idx[d]];
         sline[p] = s;
-        double cmax = 0.0;
-        for (int c = 0; c < m; ++c) cmax = std::max(cmax, std::fabs(sh.coef(p, c)));
-        bound += cmax * (s * et[L]->row(slot + p)[blk.idx[L] + ab.kstar]);
+        bound += cmax[p] * (s * et[L]->row(slot + p)[blk.idx[L] + ab.kstar]);
     }
-    if (!((tmax * (bound * kBoundRoom)) * mx >= eps)) return false;
+    return bound * kBoundRoom;
+}
 
+// Radial values of a shell at the atom's points (w.rad, one row per
+// contraction; with `largest`, w.rbig their largest magnitude per point):
+// sum_p c_p N_p exp(-a_p du^2) exp(-a_p dv^2) exp(-a_p dl^2), the per-line
+// numbers from radial_bound.
+template <int L>
+void block_radial(const GtoBuilder& b, const moldata::Shell& sh, int slot, const PointBlock& blk, const AtomBlock& ab,
+                  bool largest, BlockWork& w) {
+    const int m = sh.ncontr(), p0 = ab.p0, p1 = ab.p1;
+    const ExpTable& line_exp = L == 0 ? b.ex : L == 1 ? b.ey : b.ez;
+    const double* sline = w.tmp.data();
     double* rad = w.rad.data();
     double* e = w.e.data();
-    for (int c = 0; c < m; ++c) std::fill(rad + c * B + p0, rad + c * B + p1, 0.0);
     for (int p = 0; p < sh.nprim; ++p) {
         const double s = sline[p];
-        const double* el = et[L]->row(slot + p) + blk.idx[L];
+        const double* el = line_exp.row(slot + p) + blk.idx[L];
+        if (m == 1) {
+            // One contraction (most shells): the same products in one pass.
+            const double cp = sh.coef(p, 0);
+            if (p == 0)
+                for (int pt = p0; pt < p1; ++pt) rad[pt] = cp * (s * el[pt]);
+            else
+                for (int pt = p0; pt < p1; ++pt) rad[pt] += cp * (s * el[pt]);
+            continue;
+        }
         for (int pt = p0; pt < p1; ++pt) e[pt] = s * el[pt];
         for (int c = 0; c < m; ++c) {
             const double cp = sh.coef(p, c);
             double* rc = rad + c * B;
-            for (int pt = p0; pt < p1; ++pt) rc[pt] += cp * e[pt];
+            // The first term replaces 0 + term: equal but for the sign of a
+            // zero, which no sum of the block keeps.
+            if (p == 0)
+                for (int pt = p0; pt < p1; ++pt) rc[pt] = cp * e[pt];
+            else
+                for (int pt = p0; pt < p1; ++pt) rc[pt] += cp * e[pt];
         }
     }
+    if (!largest) return;
     double* big = w.rbig.data();
-    std::fill(big + p0, big + p1, 0.0);
-    for (int c = 0; c < m; ++c) {
+    for (int pt = p0; pt < p1; ++pt) big[pt] = std::fabs(rad[pt]);
+    for (int c = 1; c < m; ++c) {
         const double* rc = rad + c * B;
         for (int pt = p0; pt < p1; ++pt) {
             const double v = std::fabs(rc[pt]);
             big[pt] = v > big[pt] ? v : big[pt];
         }
     }
-    return true;
+}
+
+// Bound of a cartesian type's factors (types 2, 3, 5, 7 .. 10) over the
+// block without forming them: |x^i y^j z^k| is largest where the line
+// displacement is, at one end of the atom's points.
+template <int L>
+double cartesian_bound(int type, const AtomBlock& ab) {
+    const int ends[2] = {ab.p0, ab.p1 - 1};
+    const int pe =
+        std::fabs(powers_at<L, L>(ab, ends[0])[1]) >= std::fabs(powers_at<L, L>(ab, ends[1])[1]) ? ends[0] : ends[1];
+    const auto x = powers_at<L, 0>(ab, pe);
+    const auto y = powers_at<L, 1>(ab, pe);
+    const auto z = powers_at<L, 2>(ab, pe);
+    const int l = gauss::kAngular[static_cast<std::size_t>(type)];
+    double big = 0.0;
+    for (int k = 0; k < (l + 1) * (l + 2) / 2; ++k) {
+        const gauss::CartExp e = gauss::cart_exponents(l, k);
+        big = std::max(big, std::fabs(x[e.x]) * std::fabs(y[e.y]) * std::fabs(z[e.z]));
+    }
+    return big;
 }
 
 // acc += val where the point-by-point screening keeps the shell: in reach
@@ -262,53 +303,6 @@ void keep_and_add(const BlockWork& w, const AtomBlock& ab, const double* tpt, do
     }
 }
 
-// The loop over atoms and shells of one block; contract(shell, atom, shell
-// index, factors, atom block, w) leaves the shell's value per point in
-// w.val. Atoms and shells are visited in the order of the point-by-point
-// loop, so every point's sum is added up in the same order.
-template <int L, class Contract>
-void eval_block(const GtoBuilder& b, const MaxCmo& maxcmo, const PointBlock& blk, BlockWork& w, double* out,
-                Contract&& contract) {
-    const RangeTable& rt = *b.ranges;
-    const double eps = rt.threshold;
-    double* acc = w.acc.data();
-    std::fill(acc, acc + blk.npts, 0.0);
-    for (int a = 0; a < rt.natoms; ++a) {
-        AtomBlock ab;
-        if (rt.nshat[a] == 0 || !atom_block<L>(b, a, blk, w, ab)) continue;
-        std::fill(w.formed.begin(), w.formed.end(), 0);
-        const auto& shells = rt.atshpt[a];
-        const auto& radii = rt.ranges[a];
-        for (int s = 0; s < rt.nshat[a]; ++s) {
-            if (radii[s] < ab.rmin) break;  // this and every later shell miss the whole block
-            const moldata::Shell& sh = *shells[s];
-            const double mx = maxcmo[a][s];
-            const double* f = nullptr;
-            const double* tpt = nullptr;
-            double tmax = 1.0;
-            if (sh.type != 1) f = atom_factors<L>(sh.type, ab, w, tpt, tmax);
-            if (!block_radial<L>(b, sh, b.prim_slot[a][s], blk, ab, tmax, mx, eps, w)) continue;
-            contract(sh, a, s, f, ab, w);
-            keep_and_add(w, ab, tpt, radii[s], mx, eps, acc);
-        }
-    }
-    double* o = out + blk.first;
-    for (int pt = 0; pt < blk.npts; ++pt) o[pt] += acc[pt];
-}
-
-template <class Contract>
-void eval_any_axis(const GtoBuilder& b, const MaxCmo& maxcmo, const BlockLayout& layout, const PointBlock& blk,
-                   BlockWork& w, double* out, Contract&& contract) {
-    switch (layout.line_axis) {
-        case 0:
-            return eval_block<0>(b, maxcmo, blk, w, out, contract);
-        case 1:
-            return eval_block<1>(b, maxcmo, blk, w, out, contract);
-        default:
-            return eval_block<2>(b, maxcmo, blk, w, out, contract);
-    }
-}
-
 // One orbital's part on a shell, in sum_gto's order:
 // sum_c R_c sum_k f_k C_ck (sp: C_s R_s + (C_x x + C_y y + C_z z) R_p).
 void orbital_contract(const moldata::Shell& sh, const double* coef, const double* f, const AtomBlock& ab,
@@ -323,20 +317,25 @@ void orbital_contract(const moldata::Shell& sh, const double* coef, const double
             val[pt] = cf[0] * r0[pt] + (cf[1] * f[pt] + cf[2] * f[B + pt] + cf[3] * f[2 * B + pt]) * r1[pt];
         return;
     }
-    std::fill(val + p0, val + p1, 0.0);
+    // Sums start from their first term instead of 0 + first term: equal but
+    // for the sign of a zero, which the block's sums (from +0) never keep.
     if (sh.type == 1) {
-        for (int c = 0; c < sh.ngc; ++c)
+        for (int pt = p0; pt < p1; ++pt) val[pt] = rad[pt] * cf[0];
+        for (int c = 1; c < sh.ngc; ++c)
             for (int pt = p0; pt < p1; ++pt) val[pt] += rad[c * B + pt] * cf[c];
         return;
     }
     const int nt = kGtoComponents[static_cast<std::size_t>(sh.type)];
-    double* part = w.tmp.data();
+    double* part = w.e.data();
     for (int c = 0; c < sh.ngc; ++c) {
         const double* cc = cf + c * nt;
-        std::fill(part + p0, part + p1, 0.0);
-        for (int k = 0; k < nt; ++k)
+        for (int pt = p0; pt < p1; ++pt) part[pt] = f[pt] * cc[0];
+        for (int k = 1; k < nt; ++k)
             for (int pt = p0; pt < p1; ++pt) part[pt] += f[k * B + pt] * cc[k];
-        for (int pt = p0; pt < p1; ++pt) val[pt] += rad[c * B + pt] * part[pt];
+        if (c == 0)
+            for (int pt = p0; pt < p1; ++pt) val[pt] = rad[pt] * part[pt];
+        else
+            for (int pt = p0; pt < p1; ++pt) val[pt] += rad[c * B + pt] * part[pt];
     }
 }
 
@@ -397,6 +396,129 @@ void density_contract(const moldata::Shell& sh, const DensityTerms& t, const std
     }
 }
 
+// The kernels of a request: the value of a shell at the block's points
+// for the generic path (into w.val), and the kernels of block_kernels.h.
+struct OrbitalKernels {
+    const OrbitalTerms& t;
+    bool fused(int, int, const moldata::Shell& sh) const { return is_fused(sh); }
+    void value(const moldata::Shell& sh, int, int, const double* f, const AtomBlock& ab, BlockWork& w) const {
+        orbital_contract(sh, t.coef, f, ab, w);
+    }
+    template <int L, int Deg, bool SP>
+    void add(int, int, const double* cf, const AtomBlock& ab, const BlockWork& w, double radius, double mx, double eps,
+             double* acc) const {
+        blockeval::orbital_cartesian<L, Deg, SP>(cf, ab, w.rad.data(), w.r.data(), radius, mx, eps, acc);
+    }
+    const double* coef() const { return t.coef; }
+};
+
+struct DensityKernels {
+    const DensityTerms& t;
+    bool fused(int a, int s, const moldata::Shell& sh) const { return is_fused(sh) && !t.packed[a][s].empty(); }
+    void value(const moldata::Shell& sh, int a, int s, const double* f, const AtomBlock& ab, BlockWork& w) const {
+        density_contract(sh, t, t.packed[a][s], f, ab, w);
+    }
+    template <int L, int Deg, bool SP>
+    void add(int a, int s, const double*, const AtomBlock& ab, const BlockWork& w, double radius, double mx, double eps,
+             double* acc) const {
+        blockeval::density_cartesian<L, Deg, SP>(t.packed[a][s].data(), ab, w.rad.data(), w.r.data(), radius, mx, eps,
+                                                 acc);
+    }
+    const double* coef() const { return nullptr; }
+};
+
+// A fused shell's kernel for its degree.
+template <int L, class Kernels>
+void add_fused(const Kernels& k, const moldata::Shell& sh, int a, int s, const AtomBlock& ab, const BlockWork& w,
+               double radius, double mx, double eps, double* acc) {
+    const double* cf = k.coef() ? k.coef() + (sh.nfirst - 1) : nullptr;
+    switch (sh.type) {
+        case 1:
+            return k.template add<L, 0, false>(a, s, cf, ab, w, radius, mx, eps, acc);
+        case 2:
+            return k.template add<L, 1, false>(a, s, cf, ab, w, radius, mx, eps, acc);
+        case 3:
+            return k.template add<L, 1, true>(a, s, cf, ab, w, radius, mx, eps, acc);
+        case 5:
+            return k.template add<L, 2, false>(a, s, cf, ab, w, radius, mx, eps, acc);
+        case 7:
+            return k.template add<L, 3, false>(a, s, cf, ab, w, radius, mx, eps, acc);
+        case 8:
+            return k.template add<L, 4, false>(a, s, cf, ab, w, radius, mx, eps, acc);
+        case 9:
+            return k.template add<L, 5, false>(a, s, cf, ab, w, radius, mx, eps, acc);
+        default:
+            return k.template add<L, 6, false>(a, s, cf, ab, w, radius, mx, eps, acc);
+    }
+}
+
+// The loop over atoms and shells of one block, in the order of the
+// point-by-point loop, so every point's sum is added up in the same order.
+// A shell is skipped for the whole block when T R maxcmo < eps at every
+// point (T and R bounded over the block; a cartesian type's factors bounded
+// without forming them); otherwise its radial values are formed and the
+// shell added where screening keeps it, by a kernel of block_kernels.h or by
+// the generic path (factors per point, value, keep_and_add).
+template <int L, class Kernels>
+void eval_block(const GtoBuilder& b, const MaxCmo& maxcmo, const Kernels& kernels, const PointBlock& blk, BlockWork& w,
+                double* out) {
+    const RangeTable& rt = *b.ranges;
+    const double eps = rt.threshold;
+    double* acc = w.acc.data();
+    std::fill(acc, acc + blk.npts, 0.0);
+    for (int a = 0; a < rt.natoms; ++a) {
+        AtomBlock ab;
+        if (rt.nshat[a] == 0 || !atom_block<L>(b, a, blk, ab) || rt.ranges[a][0] < ab.rmin) continue;
+        ++w.visit;  // no factor block formed or bounded for this atom yet
+        bool distances = false;
+        for (int s = 0; s < rt.nshat[a]; ++s) {
+            const double radius = rt.ranges[a][s];
+            if (radius < ab.rmin) break;  // this and every later shell miss the whole block
+            const moldata::Shell& sh = *rt.atshpt[a][s];
+            const int slot = b.prim_slot[a][s];
+            const double mx = maxcmo[a][s];
+            const bool fused = kernels.fused(a, s, sh);
+            double tmax = 1.0;
+            const double* f = nullptr;
+            const double* tpt = nullptr;
+            if (sh.type != 1) {
+                const int fb = factor_block(sh.type);
+                if (is_cartesian(sh.type) && w.formed[fb] != w.visit) {
+                    if (w.bounded[fb] != w.visit)
+                        w.tblock[fb] = cartesian_bound<L>(sh.type, ab), w.bounded[fb] = w.visit;
+                    tmax = w.tblock[fb];
+                } else
+                    f = atom_factors<L>(sh.type, ab, w, tpt, tmax);
+            }
+            if (!(tmax * radial_bound<L>(b, sh, slot, blk, ab, w) * mx >= eps)) continue;
+            if (!distances) point_distances<L>(ab, w), distances = true;
+            block_radial<L>(b, sh, slot, blk, ab, !fused, w);
+            if (fused) {
+                add_fused<L>(kernels, sh, a, s, ab, w, radius, mx, eps, acc);
+                continue;
+            }
+            if (sh.type != 1 && !f) f = atom_factors<L>(sh.type, ab, w, tpt, tmax);
+            kernels.value(sh, a, s, f, ab, w);
+            keep_and_add(w, ab, tpt, radius, mx, eps, acc);
+        }
+    }
+    double* o = out + blk.first;
+    for (int pt = 0; pt < blk.npts; ++pt) o[pt] += acc[pt];
+}
+
+template <class Kernels>
+void eval_any_axis(const GtoBuilder& b, const MaxCmo& maxcmo, const Kernels& kernels, const BlockLayout& layout,
+                   const PointBlock& blk, BlockWork& w, double* out) {
+    switch (layout.line_axis) {
+        case 0:
+            return eval_block<0>(b, maxcmo, kernels, blk, w, out);
+        case 1:
+            return eval_block<1>(b, maxcmo, kernels, blk, w, out);
+        default:
+            return eval_block<2>(b, maxcmo, kernels, blk, w, out);
+    }
+}
+
 }  // namespace
 
 BlockLayout block_layout(const Grid& grid) {
@@ -454,22 +576,18 @@ void size_block_work(BlockWork& w, const GtoBuilder& b) {
     for (auto* v : {&w.r2, &w.r, &w.e, &w.rbig, &w.val, &w.acc}) v->assign(rows, 0.0);
     w.tmp.assign(std::max<std::size_t>(rows, nprim), 0.0);
     w.formed.assign(kFactorBlocks, 0);
+    w.bounded.assign(kFactorBlocks, 0);
+    w.visit = 0;
 }
 
 void orbital_block(const GtoBuilder& b, const OrbitalTerms& t, const BlockLayout& layout, const PointBlock& blk,
                    BlockWork& w, double* out) {
-    eval_any_axis(b, t.maxcmo, layout, blk, w, out,
-                  [&](const moldata::Shell& sh, int, int, const double* f, const AtomBlock& ab, BlockWork& work) {
-                      orbital_contract(sh, t.coef, f, ab, work);
-                  });
+    eval_any_axis(b, t.maxcmo, OrbitalKernels{t}, layout, blk, w, out);
 }
 
 void density_block(const GtoBuilder& b, const DensityTerms& t, const BlockLayout& layout, const PointBlock& blk,
                    BlockWork& w, double* out) {
-    eval_any_axis(b, t.maxcmo, layout, blk, w, out,
-                  [&](const moldata::Shell& sh, int a, int s, const double* f, const AtomBlock& ab, BlockWork& work) {
-                      density_contract(sh, t, t.packed[a][s], f, ab, work);
-                  });
+    eval_any_axis(b, t.maxcmo, DensityKernels{t}, layout, blk, w, out);
 }
 
 }  // namespace kvx::grid

@@ -23,7 +23,7 @@
 
 namespace kvx::grid {
 
-inline constexpr int kBlockPoints = 64;
+inline constexpr int kBlockPoints = 128;
 
 // maxcmo[a][s]: largest |coefficient| of shell s of atom a (range-table
 // order) over the orbitals of a request with nonzero occupation.
@@ -78,7 +78,10 @@ struct BlockWork {
     std::vector<double> rad;     // radial values, one row per contraction
     std::vector<double> phi;     // basis functions of a shell, one row each
     std::vector<double> r2, r, e, rbig, val, tmp, acc;
-    std::vector<unsigned char> formed;  // factor blocks formed for the atom
+    // Per factor block, the visit (atom of a block) it was formed for (tblock
+    // exact) or bounded for without forming (tblock a bound).
+    std::vector<unsigned long long> formed, bounded;
+    unsigned long long visit = 0;
 };
 
 // Sizes w for b's shells. Throws std::bad_alloc.

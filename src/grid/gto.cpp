@@ -267,6 +267,15 @@ std::unique_ptr<GtoBuilder> make_gtobuilder(std::shared_ptr<RangeTable> table, c
     int nslots = 0;
     alloc_or_die("Gto make_gtobuilder: cannot allocate bptr",
                  [&] { nslots = number_primitives(*table, b->prim_slot); });
+    alloc_or_die("Gto make_gtobuilder: cannot allocate bptr", [&] { b->prim_cmax.assign(nslots, 0.0); });
+    for (int a = 0; a < natoms; ++a)
+        for (std::size_t s = 0; s < table->atshpt[a].size(); ++s) {
+            const moldata::Shell& sh = *table->atshpt[a][s];
+            for (int p = 0; p < sh.nprim; ++p)
+                for (int c = 0; c < sh.ncontr(); ++c)
+                    b->prim_cmax[b->prim_slot[a][s] + p] =
+                        std::max(b->prim_cmax[b->prim_slot[a][s] + p], std::fabs(sh.coef(p, c)));
+        }
     fill_exp(b->ex, b->pdx, *table, b->prim_slot, nslots, "pdx");
     fill_exp(b->ey, b->pdy, *table, b->prim_slot, nslots, "pdy");
     fill_exp(b->ez, b->pdz, *table, b->prim_slot, nslots, "pdz");

@@ -110,6 +110,7 @@ struct GtoBuilder {
     // Primitive p of shell s of atom a (range-table order) is row
     // prim_slot[a][s] + p of the exponential tables.
     std::vector<std::vector<int>> prim_slot;
+    std::vector<double> prim_cmax;  // per slot: the primitive's largest |coefficient|
     ExpTable ex, ey, ez;
     std::vector<int> atom_lmax;  // lmax(a): a table entry of atom a holds lmax(a) + 1 powers
     int lmax = 2;                // largest lmax(a)

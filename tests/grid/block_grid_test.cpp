@@ -20,15 +20,20 @@ namespace {
 using namespace kvx;
 using test::MolBuilder;
 
-// Lines of up to 64 points are one block; longer lines are cut into nearly
-// equal runs; the runs follow one another in storage order with no gap.
+// Lines of up to kBlockPoints points are one block; longer lines are cut
+// into nearly equal runs; the runs follow one another in storage order with
+// no gap.
 TEST(BlockLayout, RunsCoverEveryPointOnceInStorageOrder) {
+    constexpr int K = grid::kBlockPoints;
     struct Shape {
         int ndim, n[3];
         std::vector<int> runs;  // expected block lengths along one line
-    } shapes[] = {{3, {3, 4, 150}, {50, 50, 50}},     {3, {3, 3, 64}, {64}},
-                  {3, {4, 3, 65}, {33, 32}},          {2, {5, 130, 3}, {44, 43, 43}},
-                  {1, {200, 3, 3}, {50, 50, 50, 50}}, {3, {4, 3, 3}, {3}}};
+    } shapes[] = {{3, {3, 4, 3 * K - 3}, {K - 1, K - 1, K - 1}},
+                  {3, {3, 3, K}, {K}},
+                  {3, {4, 3, K + 1}, {K / 2 + 1, K / 2}},
+                  {2, {5, 3 * K, 3}, {K, K, K}},
+                  {1, {4 * K - 4, 3, 3}, {K - 1, K - 1, K - 1, K - 1}},
+                  {3, {4, 3, 3}, {3}}};
     const double c[3] = {0.0, 0.0, 0.0}, half[3] = {2.0, 2.0, 2.0};
     for (const Shape& s : shapes) {
         auto g = test::box_grid(s.ndim, c, half, s.n);
@@ -125,8 +130,8 @@ INSTANTIATE_TEST_SUITE_P(Grids, BlockEvaluator,
                                            Shape{1, {150, 1, 1}}),
                          [](const ::testing::TestParamInfo<Shape>& info) {
                              const Shape& s = info.param;
-                             std::string name = "n" + std::to_string(s.n[0]);
-                             for (int d = 1; d < s.ndim; ++d) name += "x" + std::to_string(s.n[d]);
+                             std::string name = "n";
+                             for (int d = 0; d < s.ndim; ++d) (name += d ? "x" : "") += std::to_string(s.n[d]);
                              return name;
                          });
 
