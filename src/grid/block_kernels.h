@@ -26,8 +26,8 @@ struct AtomBlock {
     int stride = 0;
     double fixed[3][kMaxPower] = {};  // powers on the two fixed axes
     int p0 = 0, p1 = 0;
-    int kstar = 0;      // the point nearest the atom
-    double rmin = 0.0;  // its distance
+    int kstar = 0;       // the point nearest the atom
+    double rmin2 = 0.0;  // its squared distance
 };
 
 // The powers as a kernel reads them, with the fixed axes' numbers copied
@@ -65,10 +65,10 @@ inline constexpr int cart_count(int deg) { return (deg + 1) * (deg + 2) / 2; }
 
 // Adds one cartesian shell's part of an orbital where screening keeps it:
 // f_k = x^i y^j z^k, T = max |f_k|, R the radial value (sp: R_s and R_p),
-// value R sum_k f_k C_k (sp: C_s R_s + (sum_k f_k C_k) R_p), kept when
-// radius >= r and T max|R| maxcmo >= eps.
+// value R sum_k f_k C_k (sp: C_s R_s + (sum_k f_k C_k) R_p), kept when in
+// reach (r^2 <= reach2, i.e. radius >= r) and T max|R| maxcmo >= eps.
 template <int L, int Deg, bool SP>
-void orbital_cartesian(const double* cf, const AtomBlock& ab, const double* rad, const double* r, double radius,
+void orbital_cartesian(const double* cf, const AtomBlock& ab, const double* rad, const double* r2, double reach2,
                        double mx, double eps, double* acc) {
     constexpr int nt = cart_count(Deg);
     const Powers<L> pw(ab);
@@ -99,7 +99,7 @@ void orbital_cartesian(const double* cf, const AtomBlock& ab, const double* rad,
             val = r0[pt] * part;
             big = std::fabs(r0[pt]);
         }
-        const double in_reach = radius >= r[pt] ? val : 0.0;
+        const double in_reach = r2[pt] <= reach2 ? val : 0.0;
         acc[pt] += t * big * mx >= eps ? in_reach : 0.0;
     }
 }
@@ -108,7 +108,7 @@ void orbital_cartesian(const double* cf, const AtomBlock& ab, const double* rad,
 // phi = R f_k (sp: R_s, R_p f_k), value phi^T P phi from the packed rows
 // (row m: P_mm, 2 P_m,m+1, ..), as density_contract adds it up.
 template <int L, int Deg, bool SP>
-void density_cartesian(const double* packed, const AtomBlock& ab, const double* rad, const double* r, double radius,
+void density_cartesian(const double* packed, const AtomBlock& ab, const double* rad, const double* r2, double reach2,
                        double mx, double eps, double* acc) {
     constexpr int nt = cart_count(Deg);
     constexpr int nf = nt + (SP ? 1 : 0);
@@ -142,7 +142,7 @@ void density_cartesian(const double* packed, const AtomBlock& ab, const double* 
             const double a1 = std::fabs(r1[pt]);
             big = a1 > big ? a1 : big;
         }
-        const double in_reach = radius >= r[pt] ? val : 0.0;
+        const double in_reach = r2[pt] <= reach2 ? val : 0.0;
         acc[pt] += t * big * mx >= eps ? in_reach : 0.0;
     }
 }

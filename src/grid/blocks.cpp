@@ -62,7 +62,7 @@ struct RowsOut {
 };
 
 // Set-up of an atom for a block: its run of points, the fixed axes'
-// powers, the nearest point and its distance (r^2 added as the
+// powers, the nearest point and its squared distance (added as the
 // point-by-point loop adds it, (x^2 + y^2) + z^2). False when no point of
 // the block has the atom.
 template <int L>
@@ -89,19 +89,16 @@ bool atom_block(const GtoBuilder& b, int a, const PointBlock& blk, AtomBlock& ab
     // at the run's nearest point, clamped to the block.
     ab.kstar = std::clamp(run.nearest - k0, ab.p0, ab.p1 - 1);
     const int k = ab.kstar;
-    ab.rmin = std::sqrt(powers_at<L, 0>(ab, k)[2] + powers_at<L, 1>(ab, k)[2] + powers_at<L, 2>(ab, k)[2]);
+    ab.rmin2 = powers_at<L, 0>(ab, k)[2] + powers_at<L, 1>(ab, k)[2] + powers_at<L, 2>(ab, k)[2];
     return true;
 }
 
-// r^2 and r at the atom's points of the block.
+// r^2 at the atom's points of the block.
 template <int L>
 void point_distances(const AtomBlock& ab, BlockWork& w) {
     double* r2 = w.r2.data();
-    double* r = w.r.data();
-    for (int pt = ab.p0; pt < ab.p1; ++pt) {
+    for (int pt = ab.p0; pt < ab.p1; ++pt)
         r2[pt] = powers_at<L, 0>(ab, pt)[2] + powers_at<L, 1>(ab, pt)[2] + powers_at<L, 2>(ab, pt)[2];
-        r[pt] = std::sqrt(r2[pt]);
-    }
 }
 
 // Cartesian monomials of degree Deg in component order, (x^i y^j) z^k as
@@ -193,21 +190,24 @@ const double* atom_factors(int type, const AtomBlock& ab, BlockWork& w, const do
 // Bound of a shell's radial values over the block: each primitive's
 // exp(-a r^2) at its largest (the block's point nearest the atom) times its
 // largest |coefficient|, with room for rounding. Leaves the per-line
-// numbers N_p exp(-a_p du^2) exp(-a_p dv^2) in w.tmp.
+// numbers N_p exp(-a_p du^2) exp(-a_p dv^2) in w.sline and their largest
+// values on the block in w.smax.
 template <int L>
 double radial_bound(const GtoBuilder& b, const moldata::Shell& sh, int slot, const PointBlock& blk, const AtomBlock& ab,
                     BlockWork& w) {
     const ExpTable* et[3] = {&b.ex, &b.ey, &b.ez};
     const double* pref = sh.prefact->data();
     const double* cmax = b.prim_cmax.data() + slot;
-    double* sline = w.tmp.data();
+    double* sline = w.sline.data();
+    double* smax = w.smax.data();
     double bound = 0.0;
     for (int p = 0; p < sh.nprim; ++p) {
         double s = pref[p];
         for (int d = 0; d < 3; ++d)
             if (d != L) s *= et[d]->row(slot + p)[blk.idx[d]];
         sline[p] = s;
-        bound += cmax[p] * (s * et[L]->row(slot + p)[blk.idx[L] + ab.kstar]);
+        smax[p] = s * et[L]->row(slot + p)[blk.idx[L] + ab.kstar];
+        bound += cmax[p] * smax[p];
     }
     return bound * kBoundRoom;
 }
@@ -221,33 +221,41 @@ void block_radial(const GtoBuilder& b, const moldata::Shell& sh, int slot, const
                   bool largest, BlockWork& w) {
     const int m = sh.ncontr(), p0 = ab.p0, p1 = ab.p1;
     const ExpTable& line_exp = L == 0 ? b.ex : L == 1 ? b.ey : b.ez;
-    const double* sline = w.tmp.data();
+    const double* sline = w.sline.data();
+    const double* smax = w.smax.data();
     double* rad = w.rad.data();
     double* e = w.e.data();
+    // Sums start from their first term instead of 0 + it, and skip primitives
+    // whose exponential is 0 at every point of the block (adding +-0): equal
+    // but for the sign of a zero, which no sum of the block (from +0) keeps.
+    bool first = true;
     for (int p = 0; p < sh.nprim; ++p) {
+        if (smax[p] == 0.0) continue;
         const double s = sline[p];
         const double* el = line_exp.row(slot + p) + blk.idx[L];
         if (m == 1) {
             // One contraction (most shells): the same products in one pass.
             const double cp = sh.coef(p, 0);
-            if (p == 0)
+            if (first)
                 for (int pt = p0; pt < p1; ++pt) rad[pt] = cp * (s * el[pt]);
             else
                 for (int pt = p0; pt < p1; ++pt) rad[pt] += cp * (s * el[pt]);
+            first = false;
             continue;
         }
         for (int pt = p0; pt < p1; ++pt) e[pt] = s * el[pt];
         for (int c = 0; c < m; ++c) {
             const double cp = sh.coef(p, c);
             double* rc = rad + c * B;
-            // The first term replaces 0 + term: equal but for the sign of a
-            // zero, which no sum of the block keeps.
-            if (p == 0)
+            if (first)
                 for (int pt = p0; pt < p1; ++pt) rc[pt] = cp * e[pt];
             else
                 for (int pt = p0; pt < p1; ++pt) rc[pt] += cp * e[pt];
         }
+        first = false;
     }
+    if (first)
+        for (int c = 0; c < m; ++c) std::fill(rad + c * B + p0, rad + c * B + p1, 0.0);
     if (!largest) return;
     double* big = w.rbig.data();
     for (int pt = p0; pt < p1; ++pt) big[pt] = std::fabs(rad[pt]);
@@ -281,23 +289,23 @@ double cartesian_bound(int type, const AtomBlock& ab) {
 }
 
 // acc += val where the point-by-point screening keeps the shell: in reach
-// (radius >= r) and T R maxcmo >= eps (T = 1 for s shells).
-void keep_and_add(const BlockWork& w, const AtomBlock& ab, const double* tpt, double radius, double mx, double eps,
+// (r^2 <= reach2) and T R maxcmo >= eps (T = 1 for s shells).
+void keep_and_add(const BlockWork& w, const AtomBlock& ab, const double* tpt, double reach2, double mx, double eps,
                   double* acc) {
-    const double* r = w.r.data();
+    const double* r2 = w.r2.data();
     const double* big = w.rbig.data();
     const double* val = w.val.data();
     // Selects from loaded values (a load under a condition is not vectorised).
     if (tpt) {
         for (int pt = ab.p0; pt < ab.p1; ++pt) {
             const double v = val[pt];
-            const double in_reach = radius >= r[pt] ? v : 0.0;
+            const double in_reach = r2[pt] <= reach2 ? v : 0.0;
             acc[pt] += tpt[pt] * big[pt] * mx >= eps ? in_reach : 0.0;
         }
     } else {
         for (int pt = ab.p0; pt < ab.p1; ++pt) {
             const double v = val[pt];
-            const double in_reach = radius >= r[pt] ? v : 0.0;
+            const double in_reach = r2[pt] <= reach2 ? v : 0.0;
             acc[pt] += 1.0 * big[pt] * mx >= eps ? in_reach : 0.0;
         }
     }
@@ -405,9 +413,9 @@ struct OrbitalKernels {
         orbital_contract(sh, t.coef, f, ab, w);
     }
     template <int L, int Deg, bool SP>
-    void add(int, int, const double* cf, const AtomBlock& ab, const BlockWork& w, double radius, double mx, double eps,
+    void add(int, int, const double* cf, const AtomBlock& ab, const BlockWork& w, double reach2, double mx, double eps,
              double* acc) const {
-        blockeval::orbital_cartesian<L, Deg, SP>(cf, ab, w.rad.data(), w.r.data(), radius, mx, eps, acc);
+        blockeval::orbital_cartesian<L, Deg, SP>(cf, ab, w.rad.data(), w.r2.data(), reach2, mx, eps, acc);
     }
     const double* coef() const { return t.coef; }
 };
@@ -419,9 +427,9 @@ struct DensityKernels {
         density_contract(sh, t, t.packed[a][s], f, ab, w);
     }
     template <int L, int Deg, bool SP>
-    void add(int a, int s, const double*, const AtomBlock& ab, const BlockWork& w, double radius, double mx, double eps,
+    void add(int a, int s, const double*, const AtomBlock& ab, const BlockWork& w, double reach2, double mx, double eps,
              double* acc) const {
-        blockeval::density_cartesian<L, Deg, SP>(t.packed[a][s].data(), ab, w.rad.data(), w.r.data(), radius, mx, eps,
+        blockeval::density_cartesian<L, Deg, SP>(t.packed[a][s].data(), ab, w.rad.data(), w.r2.data(), reach2, mx, eps,
                                                  acc);
     }
     const double* coef() const { return nullptr; }
@@ -430,25 +438,25 @@ struct DensityKernels {
 // A fused shell's kernel for its degree.
 template <int L, class Kernels>
 void add_fused(const Kernels& k, const moldata::Shell& sh, int a, int s, const AtomBlock& ab, const BlockWork& w,
-               double radius, double mx, double eps, double* acc) {
+               double reach2, double mx, double eps, double* acc) {
     const double* cf = k.coef() ? k.coef() + (sh.nfirst - 1) : nullptr;
     switch (sh.type) {
         case 1:
-            return k.template add<L, 0, false>(a, s, cf, ab, w, radius, mx, eps, acc);
+            return k.template add<L, 0, false>(a, s, cf, ab, w, reach2, mx, eps, acc);
         case 2:
-            return k.template add<L, 1, false>(a, s, cf, ab, w, radius, mx, eps, acc);
+            return k.template add<L, 1, false>(a, s, cf, ab, w, reach2, mx, eps, acc);
         case 3:
-            return k.template add<L, 1, true>(a, s, cf, ab, w, radius, mx, eps, acc);
+            return k.template add<L, 1, true>(a, s, cf, ab, w, reach2, mx, eps, acc);
         case 5:
-            return k.template add<L, 2, false>(a, s, cf, ab, w, radius, mx, eps, acc);
+            return k.template add<L, 2, false>(a, s, cf, ab, w, reach2, mx, eps, acc);
         case 7:
-            return k.template add<L, 3, false>(a, s, cf, ab, w, radius, mx, eps, acc);
+            return k.template add<L, 3, false>(a, s, cf, ab, w, reach2, mx, eps, acc);
         case 8:
-            return k.template add<L, 4, false>(a, s, cf, ab, w, radius, mx, eps, acc);
+            return k.template add<L, 4, false>(a, s, cf, ab, w, reach2, mx, eps, acc);
         case 9:
-            return k.template add<L, 5, false>(a, s, cf, ab, w, radius, mx, eps, acc);
+            return k.template add<L, 5, false>(a, s, cf, ab, w, reach2, mx, eps, acc);
         default:
-            return k.template add<L, 6, false>(a, s, cf, ab, w, radius, mx, eps, acc);
+            return k.template add<L, 6, false>(a, s, cf, ab, w, reach2, mx, eps, acc);
     }
 }
 
@@ -468,12 +476,12 @@ void eval_block(const GtoBuilder& b, const MaxCmo& maxcmo, const Kernels& kernel
     std::fill(acc, acc + blk.npts, 0.0);
     for (int a = 0; a < rt.natoms; ++a) {
         AtomBlock ab;
-        if (rt.nshat[a] == 0 || !atom_block<L>(b, a, blk, ab) || rt.ranges[a][0] < ab.rmin) continue;
+        if (rt.nshat[a] == 0 || !atom_block<L>(b, a, blk, ab) || ab.rmin2 > b.reach2[a][0]) continue;
         ++w.visit;  // no factor block formed or bounded for this atom yet
         bool distances = false;
         for (int s = 0; s < rt.nshat[a]; ++s) {
-            const double radius = rt.ranges[a][s];
-            if (radius < ab.rmin) break;  // this and every later shell miss the whole block
+            const double reach2 = b.reach2[a][s];
+            if (ab.rmin2 > reach2) break;  // this and every later shell miss the whole block
             const moldata::Shell& sh = *rt.atshpt[a][s];
             const int slot = b.prim_slot[a][s];
             const double mx = maxcmo[a][s];
@@ -494,12 +502,12 @@ void eval_block(const GtoBuilder& b, const MaxCmo& maxcmo, const Kernels& kernel
             if (!distances) point_distances<L>(ab, w), distances = true;
             block_radial<L>(b, sh, slot, blk, ab, !fused, w);
             if (fused) {
-                add_fused<L>(kernels, sh, a, s, ab, w, radius, mx, eps, acc);
+                add_fused<L>(kernels, sh, a, s, ab, w, reach2, mx, eps, acc);
                 continue;
             }
             if (sh.type != 1 && !f) f = atom_factors<L>(sh.type, ab, w, tpt, tmax);
             kernels.value(sh, a, s, f, ab, w);
-            keep_and_add(w, ab, tpt, radius, mx, eps, acc);
+            keep_and_add(w, ab, tpt, reach2, mx, eps, acc);
         }
     }
     double* o = out + blk.first;
@@ -573,8 +581,10 @@ void size_block_work(BlockWork& w, const GtoBuilder& b) {
     w.tblock.assign(kFactorBlocks, 0.0);
     w.rad.assign(ncontr * rows, 0.0);
     w.phi.assign(nfun * rows, 0.0);
-    for (auto* v : {&w.r2, &w.r, &w.e, &w.rbig, &w.val, &w.acc}) v->assign(rows, 0.0);
-    w.tmp.assign(std::max<std::size_t>(rows, nprim), 0.0);
+    for (auto* v : {&w.r2, &w.e, &w.rbig, &w.val, &w.acc}) v->assign(rows, 0.0);
+    w.tmp.assign(rows, 0.0);
+    w.sline.assign(nprim, 0.0);
+    w.smax.assign(nprim, 0.0);
     w.formed.assign(kFactorBlocks, 0);
     w.bounded.assign(kFactorBlocks, 0);
     w.visit = 0;

@@ -77,7 +77,8 @@ struct BlockWork {
     std::vector<double> tblock;  // largest |factor| per factor block over the block
     std::vector<double> rad;     // radial values, one row per contraction
     std::vector<double> phi;     // basis functions of a shell, one row each
-    std::vector<double> r2, r, e, rbig, val, tmp, acc;
+    std::vector<double> r2, e, rbig, val, tmp, acc;
+    std::vector<double> sline, smax;  // per primitive: N_p times the fixed axes' factors; its largest on the block
     // Per factor block, the visit (atom of a block) it was formed for (tblock
     // exact) or bounded for without forming (tblock a bound).
     std::vector<unsigned long long> formed, bounded;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <limits>
 #include <utility>
 
 #include "common/fatal.h"
@@ -143,6 +144,16 @@ void fill_runs(RunTable& t, const PowerTable& pd, const std::vector<int>& lmax, 
     }
 }
 
+// The largest x with fl(sqrt(x)) <= radius (sqrt is correctly rounded and
+// monotone, so those x are [0, x]); infinite for an infinite radius.
+double reach_limit(double radius) {
+    const double inf = std::numeric_limits<double>::infinity();
+    double x = radius * radius;
+    while (std::sqrt(x) > radius) x = std::nextafter(x, 0.0);
+    while (x < inf && std::sqrt(std::nextafter(x, inf)) <= radius) x = std::nextafter(x, inf);
+    return x;
+}
+
 }  // namespace
 
 double shell_range(int type, double alpha, double c, double eps) {
@@ -267,7 +278,13 @@ std::unique_ptr<GtoBuilder> make_gtobuilder(std::shared_ptr<RangeTable> table, c
     int nslots = 0;
     alloc_or_die("Gto make_gtobuilder: cannot allocate bptr",
                  [&] { nslots = number_primitives(*table, b->prim_slot); });
-    alloc_or_die("Gto make_gtobuilder: cannot allocate bptr", [&] { b->prim_cmax.assign(nslots, 0.0); });
+    alloc_or_die("Gto make_gtobuilder: cannot allocate bptr", [&] {
+        b->prim_cmax.assign(nslots, 0.0);
+        b->reach2.resize(natoms);
+        for (int a = 0; a < natoms; ++a) b->reach2[a].resize(table->ranges[a].size());
+    });
+    for (int a = 0; a < natoms; ++a)
+        for (std::size_t s = 0; s < table->ranges[a].size(); ++s) b->reach2[a][s] = reach_limit(table->ranges[a][s]);
     for (int a = 0; a < natoms; ++a)
         for (std::size_t s = 0; s < table->atshpt[a].size(); ++s) {
             const moldata::Shell& sh = *table->atshpt[a][s];

@@ -111,6 +111,10 @@ struct GtoBuilder {
     // prim_slot[a][s] + p of the exponential tables.
     std::vector<std::vector<int>> prim_slot;
     std::vector<double> prim_cmax;  // per slot: the primitive's largest |coefficient|
+    // reach2[a][s]: the largest r^2 whose square root (rounded) is within the
+    // radius of shell s of atom a, so that r^2 <= reach2 exactly when the
+    // point-by-point loop's radius >= sqrt(r^2) holds.
+    std::vector<std::vector<double>> reach2;
     ExpTable ex, ey, ez;
     std::vector<int> atom_lmax;  // lmax(a): a table entry of atom a holds lmax(a) + 1 powers
     int lmax = 2;                // largest lmax(a)
