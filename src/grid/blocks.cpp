@@ -574,7 +574,6 @@ void size_block_work(BlockWork& w, const GtoBuilder& b) {
             nfun = std::max(nfun, shell_functions(*sh));
         }
     const std::size_t rows = B;
-    w.lpow.assign((b.lmax + 1) * rows, 0.0);
     w.fac.assign(kFactorSize * rows, 0.0);
     w.cart.assign(21 * rows, 0.0);
     w.tmax.assign(kFactorBlocks * rows, 0.0);

@@ -70,7 +70,6 @@ int shell_functions(const moldata::Shell& sh);
 
 // Per-thread scratch, sized for the builder's shells.
 struct BlockWork {
-    std::vector<double> lpow;    // powers along the line axis, (lmax + 1) rows
     std::vector<double> fac;     // angular factors, kFactorSize rows
     std::vector<double> cart;    // cartesian monomials of a spherical type
     std::vector<double> tmax;    // largest |factor| per factor block, kFactorBlocks rows
