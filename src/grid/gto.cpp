@@ -299,7 +299,6 @@ std::unique_ptr<GtoBuilder> make_gtobuilder(std::shared_ptr<RangeTable> table, c
     fill_runs(b->rx, b->pdx, lmax, "pdx");
     fill_runs(b->ry, b->pdy, lmax, "pdy");
     fill_runs(b->rz, b->pdz, lmax, "pdz");
-    for (int l : lmax) b->lmax = std::max(b->lmax, l);
     b->atom_lmax = std::move(lmax);
     b->grid = grid;
     b->geo = geo;

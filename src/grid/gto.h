@@ -117,7 +117,6 @@ struct GtoBuilder {
     std::vector<std::vector<double>> reach2;
     ExpTable ex, ey, ez;
     std::vector<int> atom_lmax;  // lmax(a): a table entry of atom a holds lmax(a) + 1 powers
-    int lmax = 2;                // largest lmax(a)
 };
 
 // Null when either argument is missing. A grid that is not axis-aligned ends
