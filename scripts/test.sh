@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds and runs the whole test suite twice: a Release build, then an
-# AddressSanitizer + UndefinedBehaviorSanitizer build, then (with clang) short fuzz runs
+# AddressSanitizer + UndefinedBehaviorSanitizer build, then the tests of the
+# threaded evaluators under ThreadSanitizer, then (with clang) short fuzz runs
 # of every reader (scripts/fuzz.sh smoke). The tests run with a temporary
 # folder of their own as TMPDIR, which must be empty afterwards: a test that
 # leaves a file behind fails the run.
@@ -28,6 +29,13 @@ echo "== AddressSanitizer + UndefinedBehaviorSanitizer build"
 "$root/scripts/build.sh" "$root/build/asan" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKVX_SANITIZE=ON -DKVX_TESTS=ON -DKVX_BENCH=OFF
 (cd "$root/build/asan" && TMPDIR="$scratch" ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
     UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 ctest --output-on-failure -j "$jobs")
+left_behind
+
+echo "== ThreadSanitizer build: the threaded evaluators"
+KVX_TARGET="kalvex kvx_tests" "$root/scripts/build.sh" "$root/build/tsan" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+    -DKVX_SANITIZE_THREAD=ON -DKVX_TESTS=ON -DKVX_BENCH=OFF
+(cd "$root/build/tsan" && TMPDIR="$scratch" TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+    ctest --output-on-failure -j "$jobs" -R "GridThreads|BlockEvaluator.EveryThreadCount|Multipoles.ThreadCount|Multipoles.Memmax|KalvexRun.ThreadCount|ChelpFit.SameReport|Parallel")
 left_behind
 
 echo "== Fuzz smoke runs (clang libFuzzer, ASan + UBSan): reproducers, then a few seconds per reader"

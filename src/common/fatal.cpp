@@ -5,7 +5,7 @@
 
 namespace kvx::common {
 
-volatile std::sig_atomic_t abort_flag = 0;
+std::atomic<int> abort_flag{0};
 
 void fatal(const char* msg) {
     std::puts(msg);

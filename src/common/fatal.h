@@ -5,6 +5,7 @@
 // drive the program read the message, not the status.
 #pragma once
 
+#include <atomic>
 #include <csignal>
 #include <cstdio>
 #include <new>
@@ -48,7 +49,11 @@ bool try_alloc(F&& f) {
 }
 
 // Set to 1 by the SIGINT handler; long loops poll it between points or shell
-// pairs and stop early. The driver clears it around every calculation.
-extern volatile std::sig_atomic_t abort_flag;
+// pairs and stop early. The driver clears it around every calculation. An
+// atomic, not a volatile sig_atomic_t: the evaluators' worker threads read
+// it while the handler runs on another thread, and a lock-free atomic is
+// safe both in a signal handler and across threads.
+static_assert(std::atomic<int>::is_always_lock_free);
+extern std::atomic<int> abort_flag;
 
 }  // namespace kvx::common

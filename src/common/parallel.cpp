@@ -1,5 +1,7 @@
 #include "common/parallel.h"
 
+#include <new>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -18,9 +20,24 @@ void run_shares(int nshares, const std::function<void(int share)>& work) {
         return;
     }
     std::vector<std::thread> threads;
-    threads.reserve(static_cast<std::size_t>(nshares - 1));
-    for (int s = 1; s < nshares; ++s) threads.emplace_back(work, s);
+    std::vector<int> here;  // shares no thread could be started for
+    try {
+        threads.reserve(static_cast<std::size_t>(nshares - 1));
+        here.reserve(static_cast<std::size_t>(nshares - 1));
+    } catch (const std::bad_alloc&) {
+        // Too many shares to even list: run them all on this thread.
+        for (int s = 0; s < nshares; ++s) work(s);
+        return;
+    }
+    for (int s = 1; s < nshares; ++s) {
+        try {
+            threads.emplace_back(work, s);
+        } catch (const std::system_error&) {
+            here.push_back(s);  // out of threads (a process limit): run it here
+        }
+    }
     work(0);
+    for (int s : here) work(s);
     for (std::thread& t : threads) t.join();
 }
 

@@ -13,7 +13,8 @@ namespace kvx::common {
 int thread_count(int numt);
 
 // Runs work(share) for share = 0 .. nshares-1 and returns when all are done:
-// share 0 on the calling thread, each other on a thread of its own. A share
+// share 0 on the calling thread, each other on a thread of its own (or,
+// when the system refuses a thread, after share 0 on the calling thread). A share
 // must not throw; what it writes must not overlap another share's output.
 void run_shares(int nshares, const std::function<void(int share)>& work);
 

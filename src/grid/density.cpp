@@ -1,10 +1,13 @@
 #include "grid/density.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstdio>
+#include <mutex>
 
 #include "common/fatal.h"
+#include "common/parallel.h"
 #include "grid/gto.h"
 
 namespace kvx::grid {
@@ -14,42 +17,6 @@ using common::alloc_or_die;
 using common::fatalf;
 
 namespace {
-
-// Visits every shell that survives screening at point p and hands it, with
-// its factors and radial values, to on_shell. Allocation-free.
-template <class OnShell>
-void visit_point(const GtoBuilder& b, const MaxCmo& maxcmo, int p, double* factors, double* cache,
-                 double* radial, OnShell&& on_shell) {
-    const RangeTable& rt = *b.ranges;
-    const double eps = rt.threshold;
-    int idx[3] = {0, 0, 0};
-    b.geo.indices_of_index(idx, p);
-    const int ndim = b.grid->ndim;
-    const int i = idx[0];
-    const int j = ndim >= 2 ? idx[1] : 0;
-    const int k = ndim >= 3 ? idx[2] : 0;
-    for (int a = 0; a < rt.natoms; ++a) {
-        const double* px = b.pdx.entry(i, a);
-        if (!px) continue;
-        const double* py = b.pdy.entry(j, a);
-        if (!py) continue;
-        const double* pz = b.pdz.entry(k, a);
-        if (!pz) continue;
-        const double r2 = px[2] + py[2] + pz[2];
-        const double r = std::sqrt(r2);
-        std::fill(cache, cache + kFactorBlocks, 0.0);
-        const auto& shells = rt.atshpt[a];
-        const auto& radii = rt.ranges[a];
-        const auto& mx = maxcmo[a];
-        for (int s = 0; s < rt.nshat[a]; ++s) {
-            if (radii[s] < r) break;  // later shells are shorter still
-            const moldata::Shell& sh = *shells[s];
-            const double big_r = shell_radial(radial, r2, sh);
-            const double big_t = comp_cterm(factors, cache, px, py, pz, sh.type);
-            if (big_t * big_r * mx[s] >= eps) on_shell(sh);
-        }
-    }
-}
 
 // Highest column any shell's coefficients reach, plus one.
 int basis_extent(const RangeTable& rt) {
@@ -107,32 +74,89 @@ MaxCmo comp_maxcmo(const double* const* cmo, const std::vector<int>& nshat,
 
 namespace {
 
-// The point loop shared by orbital and density grids: out[p] += the sum of
-// shell_value(shell) over the shells surviving screening at p, with progress
-// lines from `base` on in steps of `step` per point. Stops on the abort flag.
-template <class ShellValue>
-void point_loop(const GtoBuilder& b, const MaxCmo& maxcmo, const char* nomem, double* out, int first, double step,
-                double base, ShellValue&& shell_value) {
-    const int total = static_cast<int>(b.grid->total);
-    const int stride = gto_stride();
-    std::vector<double> radial;
-    alloc_or_die(nomem, [&] { radial.assign(std::max(gto_scratch_width(), 2), 0.0); });
-    double factors[kFactorSize] = {};
-    double cache[kFactorBlocks] = {};
-    const bool prints = first == stride - 1;
-    double last = base;
-    for (int p = first; p < total; p += stride) {
-        const double pct = p * step + base;
-        double sum = 0.0;
-        visit_point(b, maxcmo, p, factors, cache, radial.data(),
-                    [&](const moldata::Shell& sh) { sum += shell_value(factors, radial.data(), sh); });
-        out[p] += sum;
-        if (prints && pct >= last + 10.0) {
-            progress_line(pct);
-            last = pct;
+// The progress lines of a pass: " %.0f%%" with pct = p step + base at the
+// first point p (storage order) where pct >= last + 10, last starting at
+// base. A line is printed once that many points are done, whichever threads
+// did them, so the lines are those of one thread running the points in order.
+class Progress {
+public:
+    Progress(long total, double step, double base) {
+        double last = base;
+        long p = 0;
+        for (;;) {
+            // pct grows with p: the first p reaching last + 10, by bisection.
+            long lo = p, hi = total;
+            while (lo < hi) {
+                const long mid = lo + (hi - lo) / 2;
+                if (static_cast<double>(static_cast<int>(mid)) * step + base >= last + 10.0)
+                    hi = mid;
+                else
+                    lo = mid + 1;
+            }
+            if (lo >= total) break;
+            last = static_cast<double>(static_cast<int>(lo)) * step + base;
+            lines_.push_back({lo + 1, last});
+            p = lo + 1;
         }
-        if (abort_flag) break;
     }
+
+    // Counts n more points done and prints the lines they complete.
+    void advance(long n) {
+        const long done = done_.fetch_add(n) + n;
+        if (next_line_.load() >= lines_.size() || done < lines_[next_line_.load()].points) return;
+        std::lock_guard<std::mutex> lock(print_);
+        std::size_t k = next_line_.load();
+        for (; k < lines_.size() && done_.load() >= lines_[k].points; ++k) progress_line(lines_[k].pct);
+        next_line_.store(k);
+    }
+
+private:
+    struct Line {
+        long points;  // points done when the line is due
+        double pct;
+    };
+    std::vector<Line> lines_;
+    std::atomic<long> done_{0};
+    std::atomic<std::size_t> next_line_{0};
+    std::mutex print_;
+};
+
+// Shells of a type the factors do not cover end the run before any thread
+// starts, with comp_cterm's message.
+void check_shell_types(const RangeTable& rt) {
+    for (const auto& list : rt.atshpt)
+        for (const moldata::Shell* sh : list)
+            if (sh->type <= 0 || sh->type > 12)
+                fatalf("Gto comp_cterm: Gaussian type %d not yet implemented\n", sh->type);
+}
+
+// Runs block(layout, point block, work) over every block of the grid on
+// gto_threads() threads. Threads take the next block in turn, so a slow
+// region of the grid is shared out; which thread takes which block changes
+// no value, since each point's sum is formed within its block. The scratch
+// of every thread is allocated here, before the threads start.
+template <class Block>
+void run_blocks(const GtoBuilder& b, const char* nomem, double step, double base, Block&& block) {
+    check_shell_types(*b.ranges);
+    const BlockLayout layout = block_layout(*b.grid);
+    const int nthreads = static_cast<int>(std::min<long>(std::max(gto_threads(), 1), std::max(layout.nblocks, 1L)));
+    std::vector<BlockWork> works;
+    alloc_or_die(nomem, [&] {
+        works.resize(nthreads);
+        for (BlockWork& w : works) size_block_work(w, b);
+    });
+    Progress progress(static_cast<long>(b.grid->total), step, base);
+    std::atomic<long> next{0};
+    common::run_shares(nthreads, [&](int share) {
+        BlockWork& w = works[share];
+        while (!abort_flag) {
+            const long k = next.fetch_add(1);
+            if (k >= layout.nblocks) break;
+            const PointBlock blk = point_block(layout, k);
+            block(layout, blk, w);
+            progress.advance(blk.npts);
+        }
+    });
 }
 
 }  // namespace
@@ -142,31 +166,60 @@ void compute_mogrid(const MoRequest& req) {
     if (!b || !req.out || !req.cmo) return;
     const RangeTable& rt = *b->ranges;
     const double one = 1.0;
-    const MaxCmo maxcmo = comp_maxcmo(req.cmo, rt.nshat, rt.atshpt, rt.natoms, 1, &one);
-    const double* coef = req.cmo[0];
-    point_loop(*b, maxcmo, "Density compute_mogrid: cannot allocate memory", req.out, req.first_point,
-               100.0 / b->grid->total, 0.0, [&](const double* factors, const double* radial, const moldata::Shell& sh) {
-                   return sum_gto(factors, radial, coef, sh.type, sh.ngc, sh.nfirst);
+    OrbitalTerms terms;
+    terms.coef = req.cmo[0];
+    terms.maxcmo = comp_maxcmo(req.cmo, rt.nshat, rt.atshpt, rt.natoms, 1, &one);
+    run_blocks(*b, "Density compute_mogrid: cannot allocate memory", 100.0 / b->grid->total, 0.0,
+               [&](const BlockLayout& layout, const PointBlock& blk, BlockWork& w) {
+                   orbital_block(*b, terms, layout, blk, w, req.out);
                });
 }
+
+namespace {
+
+// Per shell, its packed block of P = sum_i occ_i C_i C_i^T when that is
+// cheaper per point than the orbitals one by one (n(n+1)/2 terms against
+// about n + 2 per orbital); otherwise none.
+void pack_density(const DenRequest& req, const RangeTable& rt, DensityTerms& t) {
+    int nocc = 0;
+    for (int i = 0; i < req.norb; ++i) nocc += req.occ[i] != 0.0;
+    t.packed.resize(rt.natoms);
+    for (int a = 0; a < rt.natoms; ++a) {
+        t.packed[a].resize(rt.nshat[a]);
+        for (int s = 0; s < rt.nshat[a]; ++s) {
+            const moldata::Shell& sh = *rt.atshpt[a][s];
+            const long nf = shell_functions(sh);
+            if (nf * (nf + 1) / 2 > nocc * (nf + 2)) continue;
+            std::vector<double>& row = t.packed[a][s];
+            row.reserve(static_cast<std::size_t>(nf * (nf + 1) / 2));
+            const int base = sh.nfirst - 1;
+            for (int m = 0; m < nf; ++m)
+                for (int k = m; k < nf; ++k) {
+                    double p = 0.0;
+                    for (int i = 0; i < req.norb; ++i)
+                        if (req.occ[i] != 0.0) p += req.occ[i] * req.cmo[i][base + m] * req.cmo[i][base + k];
+                    row.push_back(k == m ? p : 2.0 * p);
+                }
+        }
+    }
+}
+
+}  // namespace
 
 void compute_dengrid(const DenRequest& req) {
     const GtoBuilder* b = gto_builder();
     if (!b || !req.out || (req.norb > 0 && (!req.cmo || !req.occ))) return;
     const RangeTable& rt = *b->ranges;
-    const MaxCmo maxcmo = comp_maxcmo(req.cmo, rt.nshat, rt.atshpt, rt.natoms, req.norb, req.occ);
-    point_loop(*b, maxcmo, "Density compute_dengrid: cannot allocate memory", req.out, req.first_point,
-               100.0 / (b->grid->total * req.passes), req.base,
-               [&](const double* factors, const double* radial, const moldata::Shell& sh) {
-                   // Each shell's part of an orbital is squared on its own: the
-                   // cross terms between shells are left out, as intended.
-                   double sum = 0.0;
-                   for (int i = 0; i < req.norb; ++i) {
-                       if (req.occ[i] == 0.0) continue;
-                       const double v = sum_gto(factors, radial, req.cmo[i], sh.type, sh.ngc, sh.nfirst);
-                       sum += req.occ[i] * v * v;
-                   }
-                   return sum;
+    const char* nomem = "Density compute_dengrid: cannot allocate memory";
+    DensityTerms terms;
+    terms.cmo = req.cmo;
+    terms.norb = req.norb;
+    terms.occ = req.occ;
+    terms.maxcmo = comp_maxcmo(req.cmo, rt.nshat, rt.atshpt, rt.natoms, req.norb, req.occ);
+    alloc_or_die(nomem, [&] { pack_density(req, rt, terms); });
+    run_blocks(*b, nomem, 100.0 / (b->grid->total * req.passes), req.base,
+               [&](const BlockLayout& layout, const PointBlock& blk, BlockWork& w) {
+                   density_block(*b, terms, layout, blk, w, req.out);
                });
 }
 

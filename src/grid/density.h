@@ -1,20 +1,22 @@
 // Orbital and density grids (module Density).
 //
 // Both evaluators run over the current Gto builder (gto_setup first) and
-// accumulate into the caller's value array. Progress lines " %.0f%%" go to
-// stdout; kvx::common::abort_flag stops a loop after the point in progress.
+// accumulate into the caller's value array, block by block of points
+// (grid/blocks.h) on gto_threads() threads; threads take whole blocks, and
+// each point's value is the same whichever thread forms it. Progress lines
+// " %.0f%%" go to stdout as one sequence; kvx::common::abort_flag stops
+// every thread after its block in progress.
 #pragma once
 
 #include <vector>
 
+#include "grid/blocks.h"
 #include "grid/property_grid.h"
 #include "moldata/molecule.h"
 
 namespace kvx::grid {
 
-// maxcmo[a][s]: largest |coefficient| of shell s of atom a (range-table
-// order) over the orbitals i < norb with occ[i] != 0.
-using MaxCmo = std::vector<std::vector<double>>;
+// maxcmo[a][s] over the orbitals i < norb with occ[i] != 0.
 MaxCmo comp_maxcmo(const double* const* cmo, const std::vector<int>& nshat,
                    const std::vector<std::vector<const moldata::Shell*>>& atshpt, int natoms, int norb,
                    const double* occ);
@@ -22,7 +24,6 @@ MaxCmo comp_maxcmo(const double* const* cmo, const std::vector<int>& nshat,
 struct MoRequest {
     double* out = nullptr;             // one value per grid point, added to
     const double* const* cmo = nullptr;  // the orbital's coefficient vector (one entry)
-    int first_point = 0;
 };
 
 struct DenRequest {
@@ -30,7 +31,6 @@ struct DenRequest {
     const double* const* cmo = nullptr;  // per-orbital coefficient vectors
     int norb = 0;                        // last orbital with nonzero occupation + 1
     const double* occ = nullptr;         // norb occupations, any sign
-    int first_point = 0;
     double base = 0.0;    // progress offset: 0, or 50 for a second pass
     double passes = 1.0;  // 1 or 2
 };

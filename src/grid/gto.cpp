@@ -3,9 +3,11 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <limits>
 #include <utility>
 
 #include "common/fatal.h"
+#include "common/parallel.h"
 #include "gauss/gtoprod.h"
 #include "gauss/spherical.h"
 
@@ -19,7 +21,7 @@ namespace {
 
 struct GtoState {
     std::unique_ptr<GtoBuilder> bptr;
-    int stride = 1;
+    int threads = 1;
     int scratch_width = 0;
 };
 GtoState g_gto;
@@ -79,6 +81,77 @@ void fill_axis(PowerTable& t, const GridGeometry& geo, int axis, int npoints,
             t.offset[static_cast<std::size_t>(i) * natoms + a] = static_cast<std::ptrdiff_t>(at);
         }
     }
+}
+
+// Primitive rows of the exponential tables: shells in range-table order.
+int number_primitives(const RangeTable& rt, std::vector<std::vector<int>>& slot) {
+    int next = 0;
+    slot.resize(rt.natoms);
+    for (int a = 0; a < rt.natoms; ++a) {
+        slot[a].resize(rt.atshpt[a].size());
+        for (std::size_t s = 0; s < rt.atshpt[a].size(); ++s) {
+            slot[a][s] = next;
+            next += rt.atshpt[a][s]->nprim;
+        }
+    }
+    return next;
+}
+
+// exp(-alpha d^2) with d^2 the power table's element 2, for every primitive
+// and every point of one axis.
+void fill_exp(ExpTable& t, const PowerTable& pd, const RangeTable& rt, const std::vector<std::vector<int>>& slot,
+              int nslots, const char* name) {
+    char msg[64];
+    std::snprintf(msg, sizeof msg, "Gto make_gtobuilder: cannot allocate %s", name);
+    alloc_or_die(msg, [&] { t.v.assign(static_cast<std::size_t>(nslots) * pd.npoints, 0.0); });
+    t.npoints = pd.npoints;
+    for (int a = 0; a < rt.natoms; ++a)
+        for (std::size_t s = 0; s < rt.atshpt[a].size(); ++s) {
+            const moldata::Shell& sh = *rt.atshpt[a][s];
+            for (int p = 0; p < sh.nprim; ++p) {
+                double* row = t.v.data() + static_cast<std::size_t>(slot[a][s] + p) * t.npoints;
+                for (int i = 0; i < pd.npoints; ++i)
+                    if (const double* e = pd.entry(i, a)) row[i] = std::exp(-sh.exponent(p) * e[2]);
+            }
+        }
+}
+
+// The power table's entries of each atom as rows over its run of points.
+void fill_runs(RunTable& t, const PowerTable& pd, const std::vector<int>& lmax, const char* name) {
+    char msg[64];
+    std::snprintf(msg, sizeof msg, "Gto make_gtobuilder: cannot allocate %s", name);
+    alloc_or_die(msg, [&] { t.run.assign(pd.natoms, AxisRun{}); });
+    std::size_t room = 0;
+    for (int a = 0; a < pd.natoms; ++a) {
+        AxisRun& r = t.run[a];
+        int i = 0;
+        while (i < pd.npoints && !pd.entry(i, a)) ++i;
+        r.lo = r.hi = r.nearest = i;
+        while (r.hi < pd.npoints && pd.entry(r.hi, a)) {
+            if (pd.entry(r.hi, a)[2] < pd.entry(r.nearest, a)[2]) r.nearest = r.hi;
+            ++r.hi;
+        }
+        r.at = room;
+        room += static_cast<std::size_t>(r.hi - r.lo) * (lmax[a] + 1);
+    }
+    alloc_or_die(msg, [&] { t.v.assign(room, 0.0); });
+    for (int a = 0; a < pd.natoms; ++a) {
+        const AxisRun& r = t.run[a];
+        const int len = r.hi - r.lo;
+        for (int i = r.lo; i < r.hi; ++i)
+            for (int k = 0; k <= lmax[a]; ++k)
+                t.v[r.at + static_cast<std::size_t>(k) * len + (i - r.lo)] = pd.entry(i, a)[k];
+    }
+}
+
+// The largest x with fl(sqrt(x)) <= radius (sqrt is correctly rounded and
+// monotone, so those x are [0, x]); infinite for an infinite radius.
+double reach_limit(double radius) {
+    const double inf = std::numeric_limits<double>::infinity();
+    double x = radius * radius;
+    while (std::sqrt(x) > radius) x = std::nextafter(x, 0.0);
+    while (x < inf && std::sqrt(std::nextafter(x, inf)) <= radius) x = std::nextafter(x, inf);
+    return x;
 }
 
 }  // namespace
@@ -202,15 +275,40 @@ std::unique_ptr<GtoBuilder> make_gtobuilder(std::shared_ptr<RangeTable> table, c
     fill_axis(b->pdx, geo, 0, nx, pos, lmax, rmax, "pdx");
     fill_axis(b->pdy, geo, 1, ny, pos, lmax, rmax, "pdy");
     fill_axis(b->pdz, geo, 2, nz, pos, lmax, rmax, "pdz");
+    int nslots = 0;
+    alloc_or_die("Gto make_gtobuilder: cannot allocate bptr",
+                 [&] { nslots = number_primitives(*table, b->prim_slot); });
+    alloc_or_die("Gto make_gtobuilder: cannot allocate bptr", [&] {
+        b->prim_cmax.assign(nslots, 0.0);
+        b->reach2.resize(natoms);
+        for (int a = 0; a < natoms; ++a) b->reach2[a].resize(table->ranges[a].size());
+    });
+    for (int a = 0; a < natoms; ++a)
+        for (std::size_t s = 0; s < table->ranges[a].size(); ++s) b->reach2[a][s] = reach_limit(table->ranges[a][s]);
+    for (int a = 0; a < natoms; ++a)
+        for (std::size_t s = 0; s < table->atshpt[a].size(); ++s) {
+            const moldata::Shell& sh = *table->atshpt[a][s];
+            for (int p = 0; p < sh.nprim; ++p)
+                for (int c = 0; c < sh.ncontr(); ++c)
+                    b->prim_cmax[b->prim_slot[a][s] + p] =
+                        std::max(b->prim_cmax[b->prim_slot[a][s] + p], std::fabs(sh.coef(p, c)));
+        }
+    fill_exp(b->ex, b->pdx, *table, b->prim_slot, nslots, "pdx");
+    fill_exp(b->ey, b->pdy, *table, b->prim_slot, nslots, "pdy");
+    fill_exp(b->ez, b->pdz, *table, b->prim_slot, nslots, "pdz");
+    fill_runs(b->rx, b->pdx, lmax, "pdx");
+    fill_runs(b->ry, b->pdy, lmax, "pdy");
+    fill_runs(b->rz, b->pdz, lmax, "pdz");
+    b->atom_lmax = std::move(lmax);
     b->grid = grid;
     b->geo = geo;
     b->ranges = std::move(table);
     return b;
 }
 
-int gto_setup(moldata::Molecule* mol, const Grid* grid, double eps, int /*numt*/) {
+int gto_setup(moldata::Molecule* mol, const Grid* grid, double eps, int numt) {
     if (!mol || !grid) return 0;
-    g_gto.stride = 1;
+    g_gto.threads = common::thread_count(numt);
     int width = 2;
     for (const auto& sh : mol->shells) width = std::max(width, sh.ncontr());
     g_gto.scratch_width = width;
@@ -227,12 +325,12 @@ int gto_setup(moldata::Molecule* mol, const Grid* grid, double eps, int /*numt*/
 
 void gto_free() {
     g_gto.bptr.reset();
-    g_gto.stride = 1;
+    g_gto.threads = 1;
     g_gto.scratch_width = 0;
 }
 
 const GtoBuilder* gto_builder() { return g_gto.bptr.get(); }
-int gto_stride() { return g_gto.stride; }
+int gto_threads() { return g_gto.threads; }
 int gto_scratch_width() { return g_gto.scratch_width; }
 
 namespace {
@@ -268,14 +366,7 @@ double comp_cterm(double* factors, double* cache, const double* pdx, const doubl
             f[2] = z[1];
             break;
         case 6:
-            // zy^2 in the first and 4y^2z^2 in the sixth factor are intended.
-            f[0] = 4.0 * x[2] * y[1] - y[3] - z[1] * y[2];
-            f[1] = 4.0 * x[2] * z[1] - z[1] * y[2] - z[3];
-            f[2] = 4.0 * x[1] * y[2] - x[3] - x[1] * z[2];
-            f[3] = 4.0 * y[2] * z[1] - z[1] * x[2] - z[3];
-            f[4] = 4.0 * x[1] * z[2] - x[3] - x[1] * y[2];
-            f[5] = 4.0 * y[2] * z[2] - y[1] * x[2] - y[3];
-            f[6] = 6.324555320336759 * x[1] * y[1] * z[1];
+            f7_factors(x, y, z, f);
             break;
         case 5:
         case 7:

@@ -75,11 +75,48 @@ struct PowerTable {
     }
 };
 
+// exp(-alpha d^2) along one axis for every primitive of every shell, d the
+// displacement of the power table (0 where its entry is null): on an
+// axis-aligned grid exp(-alpha r^2) is the product of the three axes' values.
+// Row `slot` holds one value per point index of the axis.
+struct ExpTable {
+    int npoints = 0;
+    std::vector<double> v;
+
+    const double* row(int slot) const { return v.data() + static_cast<std::size_t>(slot) * npoints; }
+};
+
+// The same powers per atom in rows, for loops over the points of an axis:
+// the run of points lo .. hi-1 where the atom's entry exists (contiguous,
+// since the displacement is monotone along the axis; empty when lo == hi),
+// power k of point i at v[at + k * (hi - lo) + i - lo], and the point of the
+// run nearest the atom.
+struct AxisRun {
+    int lo = 0, hi = 0;
+    int nearest = 0;
+    std::size_t at = 0;
+};
+struct RunTable {
+    std::vector<AxisRun> run;  // per atom
+    std::vector<double> v;
+};
+
 struct GtoBuilder {
     const Grid* grid = nullptr;
     GridGeometry geo;  // of grid
     std::shared_ptr<RangeTable> ranges;
     PowerTable pdx, pdy, pdz;
+    RunTable rx, ry, rz;
+    // Primitive p of shell s of atom a (range-table order) is row
+    // prim_slot[a][s] + p of the exponential tables.
+    std::vector<std::vector<int>> prim_slot;
+    std::vector<double> prim_cmax;  // per slot: the primitive's largest |coefficient|
+    // reach2[a][s]: the largest r^2 whose square root (rounded) is within the
+    // radius of shell s of atom a, so that r^2 <= reach2 exactly when the
+    // point-by-point loop's radius >= sqrt(r^2) holds.
+    std::vector<std::vector<double>> reach2;
+    ExpTable ex, ey, ez;
+    std::vector<int> atom_lmax;  // lmax(a): a table entry of atom a holds lmax(a) + 1 powers
 };
 
 // Null when either argument is missing. A grid that is not axis-aligned ends
@@ -87,16 +124,32 @@ struct GtoBuilder {
 std::unique_ptr<GtoBuilder> make_gtobuilder(std::shared_ptr<RangeTable> table, const Grid* grid);
 
 // Prepares the current builder for grid and eps (range table cached on mol
-// and reused while eps is unchanged). numt is accepted and unused. Returns 1
-// when a builder is ready, 0 when mol or grid is missing or the ranges fail.
+// and reused while eps is unchanged) and the evaluators' thread count for
+// numt (common::thread_count). Returns 1 when a builder is ready, 0 when mol
+// or grid is missing or the ranges fail.
 int gto_setup(moldata::Molecule* mol, const Grid* grid, double eps, int numt);
 void gto_free();
 
-// Current builder (null before setup / after free), point stride, and the
-// radial scratch width (largest contraction count, sp counting 2, >= 2).
+// Current builder (null before setup / after free), the evaluators' thread
+// count (1 after free), and the radial scratch width (largest contraction
+// count, sp counting 2, >= 2).
 const GtoBuilder* gto_builder();
-int gto_stride();
+int gto_threads();
 int gto_scratch_width();
+
+// The f set (type 6) from powers of the displacement atom - point, x[k] =
+// x^k (likewise y, z), into f[0..6]. zy^2 in the first and 4y^2z^2 in the
+// sixth factor are intended. Any indexable x, y, z and f.
+template <class X, class Y, class Z, class F>
+inline void f7_factors(const X& x, const Y& y, const Z& z, F&& f) {
+    f[0] = 4.0 * x[2] * y[1] - y[3] - z[1] * y[2];
+    f[1] = 4.0 * x[2] * z[1] - z[1] * y[2] - z[3];
+    f[2] = 4.0 * x[1] * y[2] - x[3] - x[1] * z[2];
+    f[3] = 4.0 * y[2] * z[1] - z[1] * x[2] - z[3];
+    f[4] = 4.0 * x[1] * z[2] - x[3] - x[1] * y[2];
+    f[5] = 4.0 * y[2] * z[2] - y[1] * x[2] - y[3];
+    f[6] = 6.324555320336759 * x[1] * y[1] * z[1];
+}
 
 // Writes the angular factors of the type into its block of factors (size
 // kFactorSize) and returns the largest |factor|; a cached type whose cache

@@ -13,6 +13,7 @@
 
 #include "common/input_file.h"
 #include "common/output_file.h"
+#include "common/number_text.h"
 #include "moldata/checksum.h"
 #include "moldata/lattice.h"
 
@@ -123,27 +124,59 @@ void file_counts(const grid::Grid& g, int n[3]) {
     for (int d = 0; d < 3; ++d) n[d] = d < g.ndim ? g.counts[d] : 1;
 }
 
+// "%f" numbers separated by sep, then a line end.
+void fixed_line(common::TextBuffer& out, const double* v, int n) {
+    char* p = out.room(3 * common::kNumberTextMax);
+    for (int k = 0; k < n; ++k) {
+        if (k > 0) *p++ = ' ';
+        p = common::fixed6(p, v[k]);
+    }
+    *p++ = '\n';
+    out.commit(p);
+}
+
 bool write_body(std::FILE* f, const grid::PropertyGrid& pg, uint32_t s, int fgrid) {
     const grid::Grid& g = *pg.grid;
     const grid::GridGeometry geo = grid::grid_geometry(g);
     int n[3];
     file_counts(g, n);
-    std::fprintf(f, "%u\n", s);
-    std::fprintf(f, "%f %f %f\n", g.origin[0], g.origin[1], g.origin[2]);
-    std::fprintf(f, "%f %f %f\n", geo.M[0][0], geo.M[1][1], geo.M[2][2]);
-    std::fprintf(f, "%d %d %d\n", n[0], n[1], n[2]);
-    const std::vector<double>& v = pg.values;
-    if (fgrid) {
-        for (int iz = 0; iz < n[2]; ++iz)
-            for (int iy = 0; iy < n[1]; ++iy)
-                for (int ix = 0; ix < n[0]; ++ix) {
-                    const int idx[3] = {ix, iy, iz};
-                    std::fprintf(f, "%f\n", v[geo.index_of_indices(idx)]);
-                }
-    } else {
-        for (std::size_t k = 0; k < g.total; ++k) std::fprintf(f, "%f\n", v[k]);
+    common::TextBuffer out(f);
+    char* p = common::decimal(out.room(24), s);
+    *p++ = '\n';
+    out.commit(p);
+    fixed_line(out, g.origin, 3);
+    const double step[3] = {geo.M[0][0], geo.M[1][1], geo.M[2][2]};
+    fixed_line(out, step, 3);
+    p = out.room(80);
+    for (int d = 0; d < 3; ++d) {
+        if (d > 0) *p++ = ' ';
+        p = common::decimal(p, n[d]);
     }
-    return std::fflush(f) == 0 && !std::ferror(f);
+    *p++ = '\n';
+    out.commit(p);
+
+    const double* v = pg.values.data();
+    auto value = [&](double x) {
+        char* q = common::fixed6(out.room(common::kNumberTextMax + 1), x);
+        *q++ = '\n';
+        out.commit(q);
+    };
+    if (fgrid) {
+        // x fastest: storage position index_of_indices(ix, iy, iz), stepped.
+        const int first[3] = {0, 0, 0}, dx[3] = {1, 0, 0}, dy[3] = {0, 1, 0}, dz[3] = {0, 0, 1};
+        const long o = geo.index_of_indices(first);
+        const long sx = n[0] > 1 ? geo.index_of_indices(dx) - o : 0;
+        const long sy = n[1] > 1 ? geo.index_of_indices(dy) - o : 0;
+        const long sz = n[2] > 1 ? geo.index_of_indices(dz) - o : 0;
+        for (int iz = 0; iz < n[2]; ++iz)
+            for (int iy = 0; iy < n[1]; ++iy) {
+                const double* row = v + o + iz * sz + iy * sy;
+                for (int ix = 0; ix < n[0]; ++ix) value(row[ix * sx]);
+            }
+    } else {
+        for (std::size_t k = 0; k < g.total; ++k) value(v[k]);
+    }
+    return out.flush() && std::fflush(f) == 0 && !std::ferror(f);
 }
 
 }  // namespace

@@ -12,15 +12,15 @@ std::shared_ptr<TriMatrix> spin_density(const OrbitalSet& set, int nocc, int nba
     auto p = tri_alloc(nbasis);
     if (!p) return nullptr;
     const RowMatrix& c = set.coef;
+    // P_ij = sum_k c_ki c_kj, summed over k in order for every element (the
+    // density checksum needs these exact bits); k outside j keeps the
+    // orbitals' rows streaming through the cache.
     for (int i = 0; i < nbasis; ++i) {
         double* row = p->row(i);
-        for (int j = 0; j <= i; ++j) {
-            double s = 0.0;
-            for (int k = 0; k < nocc; ++k) {
-                const double* ck = c.row(k);
-                s += ck[i] * ck[j];
-            }
-            row[j] = s;
+        for (int k = 0; k < nocc; ++k) {
+            const double* ck = c.row(k);
+            const double cki = ck[i];
+            for (int j = 0; j <= i; ++j) row[j] += cki * ck[j];
         }
     }
     return p;

@@ -19,6 +19,7 @@ constexpr int kMaxCart = 28;
 struct OverlapScratch {
     std::vector<double> block;     // shell-pair block
     std::vector<double> ca, cb;    // per-primitive contraction coefficients
+    std::vector<double> powb;      // beta^(3/4) of B's primitives
     std::vector<double> prim;      // one primitive pair, cartesian
     std::vector<double> pw;        // (2 gamma)^(-k) (2k-1)!!
     gauss::FjTable fx, fy, fz;     // f_j(a, b) per direction
@@ -36,6 +37,11 @@ bool valid_shell(const Shell& s) {
            block_ncontr(s) > 0 && s.basdat->size() >= static_cast<std::size_t>(s.nprim) * s.row_length();
 }
 
+bool grow_powb(int n) {
+    const std::size_t nn = static_cast<std::size_t>(std::max(n, 1));
+    return g_ov.powb.size() >= nn || common::try_alloc([&] { g_ov.powb.resize(nn); });
+}
+
 // Cartesian block of the pair into g_ov.block, then the spherical transform.
 // Returns the number of doubles of the transformed block; 0 when the scratch
 // tables cannot grow.
@@ -47,7 +53,7 @@ std::size_t pair_block(const Shell& A, const Shell& B) {
     const std::size_t total = sub * gA * gB;
 
     if (!ov_intc(std::max({nA * gA, nB * gB, gA, gB, 2})) || !ov_intp(std::max(nA, nB)) || !ov_pow((lA + lB) / 2) ||
-        !ov_fjtab(std::max(lA, lB)))
+        !ov_fjtab(std::max(lA, lB)) || !grow_powb(B.nprim))
         return 0;
 
     double* blk = g_ov.block.data();
@@ -67,8 +73,18 @@ std::size_t pair_block(const Shell& A, const Shell& B) {
     double* prim = g_ov.prim.data();
     double* pw = g_ov.pw.data();
 
+    gauss::FjTable* tabs[3] = {&g_ov.fx, &g_ov.fy, &g_ov.fz};
+    double* sums[3] = {g_ov.sx.data(), g_ov.sy.data(), g_ov.sz.data()};
+    for (gauss::FjTable* t : tabs) t->shape(lA, lB, lmax + 1);
+    // Two s shells: f_0(0, 0) = 1 and pw[0] = 1, so every sum is exactly 1.
+    if (lmax == 0)
+        for (double* sd : sums) sd[0] = 1.0;
+    double* powb = g_ov.powb.data();
+    for (int ib = 0; ib < B.nprim; ++ib) powb[ib] = std::pow(B.exponent(ib), 0.75);
+
     for (int ia = 0; ia < A.nprim; ++ia) {
         const double alpha = A.exponent(ia);
+        const double pa = 2.8284271247461903 * std::pow(alpha, 0.75);
         for (int g = 0; g < (A.type == 3 ? 2 : gA); ++g) ca[g] = A.coef(ia, g);
         for (int ib = 0; ib < B.nprim; ++ib) {
             const double beta = B.exponent(ib);
@@ -76,19 +92,17 @@ std::size_t pair_block(const Shell& A, const Shell& B) {
 
             const double gamma = alpha + beta;
             // Overlap of two normalised s primitives.
-            const double pref = 2.8284271247461903 * std::pow(alpha, 0.75) * std::pow(beta, 0.75) *
-                                std::pow(gamma, -1.5) * std::exp(-(alpha * beta / gamma) * r2);
+            const double pref = pa * powb[ib] * std::pow(gamma, -1.5) * std::exp(-(alpha * beta / gamma) * r2);
+            // An exponential below the smallest double adds exactly nothing.
+            if (pref == 0.0) continue;
             // P - A = beta/gamma (B - A), P - B = -alpha/gamma (B - A): exactly
             // zero for two shells on one atom.
             const double fa = beta / gamma, fb = -alpha / gamma;
             for (int k = 0; k <= lmax / 2; ++k)
                 pw[k] = std::pow(0.5 / gamma, k) * (k >= 2 ? gauss::dfact(2 * k - 1) : 1.0);
 
-            gauss::FjTable* tabs[3] = {&g_ov.fx, &g_ov.fy, &g_ov.fz};
-            double* sums[3] = {g_ov.sx.data(), g_ov.sy.data(), g_ov.sz.data()};
-            for (int d = 0; d < 3; ++d) {
+            for (int d = 0; d < 3 && lmax > 0; ++d) {
                 gauss::FjTable& t = *tabs[d];
-                t.shape(lA, lB, lmax + 1);
                 gauss::fjtab(t, lA, lB, fa * AB[d], fb * AB[d]);
                 for (int a = 0; a <= lA; ++a)
                     for (int b = 0; b <= lB; ++b) {
@@ -171,14 +185,15 @@ void ov_cleanup() {
 }
 
 JobError overlap_prepare(const Molecule& mol) {
-    int ncomp = 2, nc = 1, lmax = 0;
+    int ncomp = 2, nc = 1, lmax = 0, nprim = 1;
     for (const Shell& s : mol.shells) {
         if (!valid_shell(s)) continue;
+        nprim = std::max(nprim, s.nprim);
         ncomp = std::max(ncomp, gauss::block_cart_count(s.type) * block_ncontr(s));
         nc = std::max(nc, gauss::block_cart_count(s.type));
         lmax = std::max(lmax, shell_l(s));
     }
-    if (!ov_intc(ncomp)) return {"Overlap ov_intc: array allocation failed."};
+    if (!ov_intc(ncomp) || !grow_powb(nprim)) return {"Overlap ov_intc: array allocation failed."};
     if (!ov_intp(nc)) return {"Overlap ov_intp: array allocation failed."};
     if (!ov_pow(lmax)) return {"Overlap ov_pow: array allocation failed."};
     if (!ov_fjtab(lmax)) return {"Overlap ov_fjtab: partial sum array allocation failed."};

@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "common/number_text.h"
 #include "view/tool_io.h"
 
 namespace kvx::view {
@@ -33,17 +34,18 @@ bool write_cube(std::FILE* f, const std::string comments[2], const PropertyFile&
     for (const moldata::Atom& a : atoms)
         std::fprintf(f, "%5d%12.6f%12.6f%12.6f%12.6f\n", a.atomic_number, a.nuclear_charge, a.x, a.y, a.z);
 
+    // "%13.5E" values through one buffer.
     const int nz = pf.count[2];
     std::size_t k = 0;
+    common::TextBuffer out(f);
     for (int ix = 0; ix < pf.count[0]; ++ix)
-        for (int iy = 0; iy < pf.count[1]; ++iy) {
+        for (int iy = 0; iy < pf.count[1]; ++iy)
             for (int iz = 0; iz < nz; ++iz) {
-                std::fprintf(f, "%13.5E", pf.values[k++]);
-                if (iz % 6 == 5 || iz == nz - 1) std::fputc('\n', f);
+                char* p = common::sci5(out.room(common::kNumberTextMax + 1), pf.values[k++]);
+                if (iz % 6 == 5 || iz == nz - 1) *p++ = '\n';
+                out.commit(p);
             }
-            if (std::ferror(f)) return false;
-        }
-    return !std::ferror(f);
+    return out.flush() && !std::ferror(f);
 }
 
 int run_cube(int argc, char** argv) {

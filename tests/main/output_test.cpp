@@ -3,7 +3,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -13,6 +15,7 @@
 #include <vector>
 
 #include "common/capture.h"
+#include "common/command.h"
 #include "common/temp_dir.h"
 #include "grid/grid.h"
 #include "grid/property_grid.h"
@@ -176,6 +179,40 @@ TEST_F(GridFile, BothValueOrdersReadBackAndBadPlaceIsReported) {
     EXPECT_EQ(printed([&] { fout_dbs(pg.get(), 1u, 1); }),
               "Output fout_dbs: cannot open grid file " + pg->filename + "\n");
     EXPECT_FALSE(fs::exists(pg->filename));
+}
+
+// The whole file is the text printf gives, in either value order: values of
+// every kind (ties of the seventh decimal, negative zero, tiny negatives,
+// huge), unequal counts, a header with negative and rounded coordinates.
+TEST_F(GridFile, FileIsWhatPrintfWouldWrite) {
+    const double c[3] = {-0.1234565, 2.0000005, -3.75}, half[3][3] = {{1.0, 0, 0}, {0, 1.25, 0}, {0, 0, 3.0}};
+    const int n[3] = {3, 5, 7};
+    make(c, half, n, "P-den.grid");
+    ASSERT_EQ(pg->values.size(), 105u);
+    std::mt19937_64 rng(11);
+    const double special[] = {0.0, -0.0, -1e-9, 5e-7, -5e-7, 1.0 / 128, -3.0 / 256, 0.9999995, 1e300, -123456.5};
+    for (std::size_t k = 0; k < pg->values.size(); ++k)
+        pg->values[k] = k < std::size(special)
+                            ? special[k]
+                            : std::ldexp(static_cast<double>(rng() % 2000001) - 1e6, -int(rng() % 30));
+    const grid::GridGeometry geo = grid::grid_geometry(*g);
+    for (int fgrid : {1, 0}) {
+        printed([&] { fout_dbs(pg.get(), 123456789u, fgrid); });
+        std::string want;
+        char line[512];
+        std::snprintf(line, sizeof line, "%u\n%f %f %f\n%f %f %f\n%d %d %d\n", 123456789u, g->origin[0], g->origin[1],
+                      g->origin[2], geo.M[0][0], geo.M[1][1], geo.M[2][2], n[0], n[1], n[2]);
+        want += line;
+        for (int iz = 0; iz < n[2]; ++iz)
+            for (int iy = 0; iy < n[1]; ++iy)
+                for (int ix = 0; ix < n[0]; ++ix) {
+                    const int idx[3] = {ix, iy, iz};
+                    const int at = fgrid ? geo.index_of_indices(idx) : (iz * n[1] + iy) * n[0] + ix;
+                    std::snprintf(line, sizeof line, "%f\n", pg->values[static_cast<std::size_t>(at)]);
+                    want += line;
+                }
+        EXPECT_TRUE(kvx::test::read_file(pg->filename) == want) << "fgrid " << fgrid;
+    }
 }
 
 TEST_F(GridFile, SinglePointModePrintsTheMiddlePointOnly) {

@@ -1,10 +1,13 @@
 // kalvex-cube on the water job: header, atoms and values against the job file,
 // the property file and kalvex's own single-point values; Open Babel as a
 // real reader; refusals that leave no file behind.
+#include "view/cube.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <tuple>
 
 #include "view_run.h"
@@ -169,6 +172,48 @@ TEST_F(CubeTool, CommentLineNamesKalvexsDefinition) {
         const Cube c = read_cube(d.path() / "out.cube");
         EXPECT_EQ(c.comments.substr(0, c.comments.find('\n')), first) << args;
     }
+}
+
+// The file is the text fprintf gives: "%13.5E" values of every kind, six to
+// a line and each z run ending its line (runs of 7: a line of 6 and one of 1).
+TEST(CubeText, IsWhatPrintfWouldWrite) {
+    view::PropertyFile pf;
+    pf.count[0] = 2, pf.count[1] = 3, pf.count[2] = 7;
+    pf.origin[0] = -1.25, pf.step[0] = pf.step[1] = pf.step[2] = 0.5;
+    const double special[] = {0.0, -0.0, 1e-300, -9.999995e-3, 1.234565e-5, 1e300, -4.94e-324, 0.5, 99999.5};
+    for (int k = 0; k < 42; ++k) pf.values.push_back(k < 9 ? special[k] : std::ldexp(std::sin(k) * 1e6, -3 * k));
+    std::vector<moldata::Atom> atoms(2);
+    atoms[0].atomic_number = 8, atoms[0].nuclear_charge = 8, atoms[0].z = -0.1234565;
+    atoms[1].atomic_number = 1, atoms[1].nuclear_charge = 1, atoms[1].x = 1.5;
+    const std::string comments[2] = {"one", "two"};
+    std::FILE* f = std::tmpfile();
+    ASSERT_NE(f, nullptr);
+    ASSERT_TRUE(view::write_cube(f, comments, pf, atoms));
+    std::string got(static_cast<std::size_t>(std::ftell(f)), '\0');
+    std::rewind(f);
+    ASSERT_EQ(std::fread(got.data(), 1, got.size(), f), got.size());
+    std::fclose(f);
+
+    char line[256];
+    std::string want = "one\ntwo\n";
+    std::snprintf(line, sizeof line, "%5d%12.6f%12.6f%12.6f\n", 2, -1.25, 0.0, 0.0);
+    want += line;
+    for (int d = 0; d < 3; ++d) {
+        std::snprintf(line, sizeof line, "%5d%12.6f%12.6f%12.6f\n", pf.count[d], d == 0 ? 0.5 : 0.0, d == 1 ? 0.5 : 0.0,
+                      d == 2 ? 0.5 : 0.0);
+        want += line;
+    }
+    for (const auto& a : atoms) {
+        std::snprintf(line, sizeof line, "%5d%12.6f%12.6f%12.6f%12.6f\n", a.atomic_number, a.nuclear_charge, a.x, a.y,
+                      a.z);
+        want += line;
+    }
+    for (int k = 0; k < 42; ++k) {
+        std::snprintf(line, sizeof line, "%13.5E", pf.values[static_cast<std::size_t>(k)]);
+        want += line;
+        if (k % 7 == 5 || k % 7 == 6) want += "\n";
+    }
+    EXPECT_EQ(got, want);
 }
 
 TEST_F(CubeTool, RefusalsGiveOneMessageStatusOneAndNoFile) {
