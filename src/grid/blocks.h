@@ -69,7 +69,9 @@ struct DensityTerms {
 int shell_functions(const moldata::Shell& sh);
 
 // Per-thread scratch, sized for the builder's shells.
-struct BlockWork {
+// Aligned to a cache line: each thread has its own, and a counter written on
+// one thread must not share a line with another thread's vectors.
+struct alignas(64) BlockWork {
     std::vector<double> fac;     // angular factors, kFactorSize rows
     std::vector<double> cart;    // cartesian monomials of a spherical type
     std::vector<double> tmax;    // largest |factor| per factor block, kFactorBlocks rows

@@ -116,7 +116,8 @@ private:
         double pct;
     };
     std::vector<Line> lines_;
-    std::atomic<long> done_{0};
+    // Written by every thread: a cache line of its own.
+    alignas(64) std::atomic<long> done_{0};
     std::atomic<std::size_t> next_line_{0};
     std::mutex print_;
 };
@@ -135,6 +136,10 @@ void check_shell_types(const RangeTable& rt) {
 // region of the grid is shared out; which thread takes which block changes
 // no value, since each point's sum is formed within its block. The scratch
 // of every thread is allocated here, before the threads start.
+// Blocks a thread takes at a time: neighbouring lines, whose per-axis
+// factors the block scratch keeps from one line to the next.
+constexpr long kBlocksPerTake = 64;
+
 template <class Block>
 void run_blocks(const GtoBuilder& b, const char* nomem, double step, double base, Block&& block) {
     check_shell_types(*b.ranges);
@@ -146,15 +151,19 @@ void run_blocks(const GtoBuilder& b, const char* nomem, double step, double base
         for (BlockWork& w : works) size_block_work(w, b);
     });
     Progress progress(static_cast<long>(b.grid->total), step, base);
-    std::atomic<long> next{0};
+    alignas(64) std::atomic<long> next{0};
     common::run_shares(nthreads, [&](int share) {
         BlockWork& w = works[share];
-        while (!abort_flag) {
-            const long k = next.fetch_add(1);
-            if (k >= layout.nblocks) break;
-            const PointBlock blk = point_block(layout, k);
-            block(layout, blk, w);
-            progress.advance(blk.npts);
+        for (;;) {
+            const long k0 = next.fetch_add(kBlocksPerTake);
+            if (k0 >= layout.nblocks) break;
+            const long k1 = std::min(k0 + kBlocksPerTake, layout.nblocks);
+            for (long k = k0; k < k1 && !abort_flag; ++k) {
+                const PointBlock blk = point_block(layout, k);
+                block(layout, blk, w);
+                progress.advance(blk.npts);
+            }
+            if (abort_flag) break;
         }
     });
 }
