@@ -47,7 +47,7 @@ struct Slice {
 }  // namespace
 
 // Work arrays of one share; nothing here is shared between shares.
-struct PotWork {
+struct alignas(64) PotWork {  // one per thread: a cache line of its own
     int nu_stride = 0;    // 2L + 1
     size_t pair_cf = 0;   // THO factors of one primitive pair on one line
     size_t pc_pair = 0;   // PC powers up to nF

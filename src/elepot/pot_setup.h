@@ -90,7 +90,7 @@ struct PotProgress {
 };
 
 // Primitive-pair evaluations by path, summed over the shares of a run.
-struct PotCounts {
+struct alignas(64) PotCounts {  // one per thread: a cache line each
     long near = 0;  // through the Boys tables and the kernels
     long far = 0;   // as point multipoles
 };
