@@ -14,6 +14,7 @@
 #include <functional>
 #include <string>
 
+#include "default_box.h"
 #include "elepot/elepot.h"
 #include "grid/density.h"
 #include "grid/grid.h"
@@ -25,21 +26,6 @@
 using namespace kvx;
 
 namespace {
-
-std::unique_ptr<grid::Grid> box(const moldata::Molecule& mol, int n) {
-    double lo[3] = {1e10, 1e10, 1e10}, hi[3] = {-1e10, -1e10, -1e10};
-    for (const auto& a : mol.atoms) {
-        const double r[3] = {a.x, a.y, a.z};
-        for (int d = 0; d < 3; ++d) lo[d] = std::min(lo[d], r[d]), hi[d] = std::max(hi[d], r[d]);
-    }
-    double centre[3], half[3][3] = {}, spacing[3] = {0.5, 0.5, 0.5};
-    int counts[3] = {n, n, n};
-    for (int d = 0; d < 3; ++d) {
-        half[d][d] = (hi[d] - lo[d] + 11.4) / 2;
-        centre[d] = (lo[d] + hi[d]) / 2;
-    }
-    return grid::grid_build(3, centre, half, spacing, counts);
-}
 
 double best_of(int repeats, const std::function<void()>& f) {
     double best = 1e300;
@@ -73,7 +59,7 @@ int main(int argc, char** argv) {
                  {"potential 30^3", 30, 2}, {"potential 60^3", 60, 2}};
     std::string report;
     for (const Case& c : cases) {
-        auto g = box(*mol, c.n);
+        auto g = bench::default_box(*mol, c.n);
         auto pg = grid::property_grid_create(g.get());
         double t = 0;
         if (c.kind < 2) {

@@ -40,6 +40,7 @@
 #include <tuple>
 #include <vector>
 
+#include "default_box.h"
 #include "grid/density.h"
 #include "grid/grid.h"
 #include "grid/gto.h"
@@ -79,26 +80,6 @@ double best_of(int repeats, const std::function<void()>& f) {
         best = std::min(best, std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count());
     }
     return best;
-}
-
-// The driver's default box (atoms' bounding box plus 5.7 bohr) with n points
-// per axis, or with spacing h when n is 0.
-std::unique_ptr<grid::Grid> default_box(const moldata::Molecule& mol, int n, double h) {
-    double lo[3] = {1e300, 1e300, 1e300}, hi[3] = {-1e300, -1e300, -1e300};
-    for (const auto& a : mol.atoms) {
-        const double r[3] = {a.x, a.y, a.z};
-        for (int d = 0; d < 3; ++d) lo[d] = std::min(lo[d], r[d]), hi[d] = std::max(hi[d], r[d]);
-    }
-    double centre[3], half[3][3] = {}, spacing[3];
-    int counts[3];
-    for (int d = 0; d < 3; ++d) {
-        const double s = lo[d] - 5.7, l = (hi[d] + 5.7) - (lo[d] - 5.7);
-        half[d][d] = l / 2;
-        centre[d] = s + l / 2;
-        spacing[d] = h;
-        counts[d] = n;
-    }
-    return grid::grid_build(3, centre, half, spacing, counts);
 }
 
 struct Job {
@@ -281,7 +262,7 @@ int main(int argc, char** argv) {
 
     // 1. The medium job at 0.2 bohr.
     {
-        auto g = default_box(*j.mol, 0, 0.2);
+        auto g = bench::default_box(*j.mol, 0, 0.2);
         report(
             "\n1. Medium job (%zu atoms, %d basis functions), default box at 0.2 bohr: %d x %d x %d = %u points, "
             "one core\n",
@@ -331,7 +312,7 @@ int main(int argc, char** argv) {
     report("   %-30s %10s %10s %10s %10s\n", "grid, medium job", "den after", "mo after", "den before", "mo before");
     for (int n : {30, 60, 90, 120, 150}) {
         if (quick && n > 60) break;
-        auto g = default_box(*j.mol, n, 0.5);
+        auto g = bench::default_box(*j.mol, n, 0.5);
         const bool old_too = n <= 60;
         const Pair d = old_and_new(j, *g, true, g_repeats, old_too);
         const Pair m = old_and_new(j, *g, false, g_repeats, old_too);
@@ -349,7 +330,7 @@ int main(int argc, char** argv) {
     report("   %-30s %10s %10s %10s %10s\n", "job, 60^3", "den after", "mo after", "den before", "mo before");
     for (const std::string& name : {std::string(KVX_TEST_DATA "/water/water"), medium, large}) {
         Job k = load(name);
-        auto g = default_box(*k.mol, 60, 0.5);
+        auto g = bench::default_box(*k.mol, 60, 0.5);
         const Pair d = old_and_new(k, *g, true, g_repeats, true);
         const Pair m = old_and_new(k, *g, false, g_repeats, true);
         const double per = 1e9 / g->total;

@@ -25,6 +25,7 @@
 #include <utility>
 #include <vector>
 
+#include "default_box.h"
 #include "elepot/elepot.h"
 #include "grid/density.h"
 #include "grid/grid.h"
@@ -64,23 +65,6 @@ std::pair<double, double> best_of(int repeats, const std::function<void()>& f) {
     return {best, cpu};
 }
 
-// The driver's default box (atoms' bounding box plus 5.7 bohr), n^3 points.
-std::unique_ptr<grid::Grid> default_box(const moldata::Molecule& mol, int n) {
-    double lo[3] = {1e300, 1e300, 1e300}, hi[3] = {-1e300, -1e300, -1e300};
-    for (const auto& a : mol.atoms) {
-        const double r[3] = {a.x, a.y, a.z};
-        for (int d = 0; d < 3; ++d) lo[d] = std::min(lo[d], r[d]), hi[d] = std::max(hi[d], r[d]);
-    }
-    double centre[3], half[3][3] = {}, spacing[3] = {0.5, 0.5, 0.5};
-    int counts[3] = {n, n, n};
-    for (int d = 0; d < 3; ++d) {
-        const double s = lo[d] - 5.7, l = (hi[d] + 5.7) - (lo[d] - 5.7);
-        half[d][d] = l / 2;
-        centre[d] = s + l / 2;
-    }
-    return grid::grid_build(3, centre, half, spacing, counts);
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -100,7 +84,7 @@ int main(int argc, char** argv) {
     for (int i = 0; i < static_cast<int>(occ->size()); ++i)
         if ((*occ)[i] != 0.0) homo = i + 1;
     const std::string orbital = std::to_string(homo);
-    auto g = default_box(*mol, n);
+    auto g = bench::default_box(*mol, n);
     auto pg = grid::property_grid_create(g.get());
     const int cores = static_cast<int>(std::max(1u, std::thread::hardware_concurrency()));
     std::fprintf(stderr, "uracil dimer (%d basis functions), %d^3 = %u points, %d cores, best of %d\n", mol->nbasis, n,

@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "default_box.h"
 #include "elepot/elepot.h"
 #include "grid/grid.h"
 #include "moldata/reader.h"
@@ -24,21 +25,6 @@
 using namespace kvx;
 
 namespace {
-
-std::unique_ptr<grid::Grid> box(const moldata::Molecule& mol, int n) {
-    double lo[3] = {1e10, 1e10, 1e10}, hi[3] = {-1e10, -1e10, -1e10};
-    for (const auto& a : mol.atoms) {
-        const double r[3] = {a.x, a.y, a.z};
-        for (int d = 0; d < 3; ++d) lo[d] = std::min(lo[d], r[d]), hi[d] = std::max(hi[d], r[d]);
-    }
-    double centre[3], half[3][3] = {}, spacing[3] = {0.5, 0.5, 0.5};
-    int counts[3] = {n, n, n};
-    for (int d = 0; d < 3; ++d) {
-        half[d][d] = (hi[d] - lo[d] + 11.4) / 2;
-        centre[d] = (lo[d] + hi[d]) / 2;
-    }
-    return grid::grid_build(3, centre, half, spacing, counts);
-}
 
 }  // namespace
 
@@ -56,7 +42,7 @@ int main(int argc, char** argv) {
     std::string report;
     for (const int n : {30, 100}) {
         if (n > largest) break;
-        auto g = box(*mol, n);
+        auto g = bench::default_box(*mol, n);
         std::vector<double> out(g->total);
         double times[2] = {0.0, 0.0};
         elepot::PotPathCounts counts{};

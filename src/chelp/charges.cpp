@@ -6,12 +6,11 @@
 #include <cctype>
 #include <cmath>
 #include <cstdio>
-#include <cstring>
 
 #include "chelp/dipole.h"
 #include "chelp/tool_args.h"
-#include "common/version.h"
 #include "common/fatal.h"
+#include "common/version.h"
 #include "elepot/elepot.h"
 #include "moldata/reader.h"
 #include "moldata/symbols.h"
@@ -289,14 +288,7 @@ void average_equivalent(const moldata::Molecule& mol, int natoms, std::vector<do
 }
 
 int run_charges(int argc, char** argv) {
-    if (argc == 2 && (std::strcmp(argv[1], "--version") == 0 || std::strcmp(argv[1], "--help") == 0 ||
-                      std::strcmp(argv[1], "-h") == 0)) {
-        if (argv[1][2] == 'v')
-            std::printf("%s\n", common::version_line("kalvex-charges").c_str());
-        else
-            std::printf("%s\n", kUsage);
-        return 0;
-    }
+    if (common::answer_help_or_version("kalvex-charges", kUsage, argc, argv)) return 0;
     const Parsed p = parse_args(argc, argv);
     if (!p.error.empty()) return fail(p.error);
     const ChargeSettings& s = p.s;

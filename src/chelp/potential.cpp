@@ -109,14 +109,7 @@ PointList read_point_list(const std::string& path) {
 }
 
 int run_potential(int argc, char** argv) {
-    if (argc == 2 && (std::strcmp(argv[1], "--version") == 0 || std::strcmp(argv[1], "--help") == 0 ||
-                      std::strcmp(argv[1], "-h") == 0)) {
-        if (argv[1][2] == 'v')
-            std::printf("%s\n", common::version_line("kalvex-potential").c_str());
-        else
-            std::printf("%s\n", kUsage);
-        return 0;
-    }
+    if (common::answer_help_or_version("kalvex-potential", kUsage, argc, argv)) return 0;
     std::vector<std::string> pos;
     bool angstrom = false;
     double thresh = 1e-6, memmax = 400.0;

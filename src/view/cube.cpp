@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "common/number_text.h"
+#include "common/version.h"
 #include "view/tool_io.h"
 
 namespace kvx::view {
@@ -49,7 +50,7 @@ bool write_cube(std::FILE* f, const std::string comments[2], const PropertyFile&
 }
 
 int run_cube(int argc, char** argv) {
-    if (answer_help_or_version(kTool, kUsage, argc, argv)) return 0;
+    if (common::answer_help_or_version(kTool, kUsage, argc, argv)) return 0;
     std::vector<std::string> args;
     ValueOrder order = ValueOrder::kXFastest;
     bool any_job = false;

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "common/version.h"
 #include "moldata/symbols.h"
 #include "view/tool_io.h"
 
@@ -170,7 +171,7 @@ std::vector<AtomMark> atoms_near_plane(const Slice& s, const PropertyFile& pf, c
 }
 
 int run_slice(int argc, char** argv) {
-    if (answer_help_or_version(kTool, kUsage, argc, argv)) return 0;
+    if (common::answer_help_or_version(kTool, kUsage, argc, argv)) return 0;
     std::vector<std::string> args;
     ValueOrder order = ValueOrder::kXFastest;
     std::string plane_text;

@@ -1,7 +1,5 @@
 #include "view/tool_io.h"
 
-#include <cstring>
-
 #include "common/output_file.h"
 #include "common/version.h"
 #include "moldata/reader.h"
@@ -33,20 +31,6 @@ std::string foreign_file_message(const std::string& file, const PropertyFile& pf
     return file + " belongs to another job, not to " + job + ": its stamp " + std::to_string(pf.stamp) +
            " fits no grid Kalvex builds for " + job + " (density checksum " + std::to_string(jv.density_checksum) +
            "); --any-job uses it anyway";
-}
-
-bool answer_help_or_version(const char* tool, const char* usage, int argc, char** argv) {
-    for (int i = 1; i < argc; ++i) {
-        if (std::strcmp(argv[i], "--help") == 0 || std::strcmp(argv[i], "-h") == 0) {
-            std::printf("%s\n", usage);
-            return true;
-        }
-        if (std::strcmp(argv[i], "--version") == 0) {
-            std::printf("%s\n", common::version_line(tool).c_str());
-            return true;
-        }
-    }
-    return false;
 }
 
 bool write_atomically(const std::string& path, const std::function<bool(std::FILE*)>& write, std::string& error) {

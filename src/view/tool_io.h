@@ -30,10 +30,6 @@ bool read_job(const std::string& job, JobView& out, std::string& error);
 std::string foreign_file_message(const std::string& file, const PropertyFile& pf, const std::string& job,
                                  const JobView& jv);
 
-// "--help" / "-h" and "--version": the usage or version line on standard
-// output. True when the arguments asked for one of them.
-bool answer_help_or_version(const char* tool, const char* usage, int argc, char** argv);
-
 // Writes path through write(f) into a temporary file beside it, renamed over
 // path only when write returned true and every byte reached the disk.
 bool write_atomically(const std::string& path, const std::function<bool(std::FILE*)>& write, std::string& error);
