@@ -158,11 +158,13 @@ void run_blocks(const GtoBuilder& b, const char* nomem, double step, double base
             const long k0 = next.fetch_add(kBlocksPerTake);
             if (k0 >= layout.nblocks) break;
             const long k1 = std::min(k0 + kBlocksPerTake, layout.nblocks);
+            long done = 0;
             for (long k = k0; k < k1 && !abort_flag; ++k) {
                 const PointBlock blk = point_block(layout, k);
                 block(layout, blk, w);
-                progress.advance(blk.npts);
+                done += blk.npts;
             }
+            progress.advance(done);
             if (abort_flag) break;
         }
     });
