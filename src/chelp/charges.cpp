@@ -243,18 +243,18 @@ std::string charge_fit(const moldata::Molecule& mol, const std::vector<moldata::
                        const ChargeSettings& s, ChargeFit& out) {
     out.have_dipole = wavefunction_dipole(mol, static_cast<int>(atoms.size()), out.wavefunction_dipole);
     if (s.dipole && !out.have_dipole) return "the wavefunction's dipole cannot be computed for the -dipole constraint";
-    FitSpec spec;
-    spec.total_charge = mol.charge;
-    spec.dipole = s.dipole;
-    spec.dipole_target = out.wavefunction_dipole;
+    FitSpec want;
+    want.total_charge = mol.charge;
+    want.dipole = s.dipole;
+    want.dipole_target = out.wavefunction_dipole;
     const NormalEquations ne = normal_equations(data, atoms);
     if (s.model == ChargeModel::kResp) {
-        out.resp = resp_fit(ne, data, atoms, spec, s.resp);
+        out.resp = resp_fit(ne, data, atoms, want, s.resp);
         out.fit = out.resp.stage2;
         if (!out.resp.stage1.error.empty()) return "stage one: " + out.resp.stage1.error;
         if (!out.fit.error.empty()) return "stage two: " + out.fit.error;
     } else {
-        out.fit = fit_charges(ne, data, atoms, spec);
+        out.fit = fit_charges(ne, data, atoms, want);
         if (!out.fit.error.empty()) return out.fit.error;
     }
     average_equivalent(mol, static_cast<int>(atoms.size()), out.fit.q);

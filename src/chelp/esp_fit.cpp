@@ -62,19 +62,19 @@ struct Groups {
     std::vector<int> of_atom;  // group of each atom, -1 fixed
 };
 
-Groups make_groups(const FitSpec& spec, int n) {
+Groups make_groups(const FitSpec& want, int n) {
     Groups g;
     g.of_atom.assign(static_cast<std::size_t>(n), -1);
-    if (spec.group.empty()) {
+    if (want.group.empty()) {
         for (int i = 0; i < n; ++i) g.of_atom[i] = i, g.atoms.push_back({i});
         return g;
     }
     int ng = 0;
-    for (int x : spec.group) ng = std::max(ng, x + 1);
+    for (int x : want.group) ng = std::max(ng, x + 1);
     g.atoms.resize(static_cast<std::size_t>(ng));
     for (int i = 0; i < n; ++i) {
-        g.of_atom[i] = spec.group[i];
-        if (spec.group[i] >= 0) g.atoms[spec.group[i]].push_back(i);
+        g.of_atom[i] = want.group[i];
+        if (want.group[i] >= 0) g.atoms[want.group[i]].push_back(i);
     }
     // Group numbers that no atom carries would make the system singular.
     g.atoms.erase(std::remove_if(g.atoms.begin(), g.atoms.end(), [](const auto& v) { return v.empty(); }),
@@ -116,14 +116,14 @@ int independent_constraints(std::vector<double>& C, std::vector<double>& c, int 
 }  // namespace
 
 FitResult fit_charges(const NormalEquations& ne, const FitData& data, const std::vector<moldata::Atom>& atoms,
-                      const FitSpec& spec) {
+                      const FitSpec& want) {
     FitResult res;
     const int n = ne.n;
-    const Groups g = make_groups(spec, n);
+    const Groups g = make_groups(want, n);
     const int nv = static_cast<int>(g.atoms.size());
     res.q.assign(static_cast<std::size_t>(n), 0.0);
     for (int i = 0; i < n; ++i)
-        if (g.of_atom[i] < 0) res.q[i] = spec.fixed.empty() ? 0.0 : spec.fixed[i];
+        if (g.of_atom[i] < 0) res.q[i] = want.fixed.empty() ? 0.0 : want.fixed[i];
     if (data.count() == 0) {
         res.error = "no fitting points";
         return res;
@@ -151,10 +151,10 @@ FitResult fit_charges(const NormalEquations& ne, const FitData& data, const std:
         }
     }
     // Constraint rows: total charge, then the dipole components.
-    int nc = spec.dipole ? 4 : 1;
+    int nc = want.dipole ? 4 : 1;
     std::vector<double> C(static_cast<std::size_t>(nc) * nv, 0.0), c(static_cast<std::size_t>(nc), 0.0);
-    c[0] = spec.total_charge;
-    for (int d = 1; d < nc; ++d) c[d] = spec.dipole_target[d - 1];
+    c[0] = want.total_charge;
+    for (int d = 1; d < nc; ++d) c[d] = want.dipole_target[d - 1];
     for (int i = 0; i < n; ++i) {
         const double R[3] = {atoms[i].x, atoms[i].y, atoms[i].z};
         const int v = g.of_atom[i];
@@ -170,15 +170,15 @@ FitResult fit_charges(const NormalEquations& ne, const FitData& data, const std:
     // Restraint weight of each variable: the sum over its atoms.
     std::vector<double> av(static_cast<std::size_t>(nv), 0.0);
     bool restrained = false;
-    if (!spec.a.empty())
+    if (!want.a.empty())
         for (int v = 0; v < nv; ++v)
-            for (int i : g.atoms[v]) av[v] += spec.a[i], restrained = restrained || spec.a[i] > 0.0;
+            for (int i : g.atoms[v]) av[v] += want.a[i], restrained = restrained || want.a[i] > 0.0;
 
     const int N = nv + nc;
     std::vector<double> M(static_cast<std::size_t>(N) * N), rhs(static_cast<std::size_t>(N));
     std::vector<int> ipiv(static_cast<std::size_t>(N));
     std::vector<double> qv(static_cast<std::size_t>(nv), 0.0);
-    const int max_iter = restrained ? std::max(1, spec.max_iterations) : 1;
+    const int max_iter = restrained ? std::max(1, want.max_iterations) : 1;
     bool converged = !restrained;
     for (int it = 0; it < max_iter; ++it) {
         // Column-major for dgesv; the system is symmetric.
@@ -187,7 +187,7 @@ FitResult fit_charges(const NormalEquations& ne, const FitData& data, const std:
             for (int w = 0; w < nv; ++w)
                 M[static_cast<std::size_t>(w) * N + v] = Ag[static_cast<std::size_t>(v) * nv + w];
             if (av[v] > 0.0)
-                M[static_cast<std::size_t>(v) * N + v] += av[v] / std::sqrt(qv[v] * qv[v] + spec.b * spec.b);
+                M[static_cast<std::size_t>(v) * N + v] += av[v] / std::sqrt(qv[v] * qv[v] + want.b * want.b);
             rhs[v] = Bg[v];
         }
         for (int d = 0; d < nc; ++d) {
@@ -212,7 +212,7 @@ FitResult fit_charges(const NormalEquations& ne, const FitData& data, const std:
         for (int v = 0; v < nv; ++v) change = std::max(change, std::fabs(rhs[v] - qv[v]));
         std::copy(rhs.begin(), rhs.begin() + nv, qv.begin());
         res.iterations = it + 1;
-        if (restrained && it > 0 && change < spec.tolerance) {
+        if (restrained && it > 0 && change < want.tolerance) {
             converged = true;
             break;
         }

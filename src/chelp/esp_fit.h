@@ -54,7 +54,7 @@ struct NormalEquations {
 NormalEquations normal_equations(const FitData& data, const std::vector<moldata::Atom>& atoms);
 
 FitResult fit_charges(const NormalEquations& ne, const FitData& data, const std::vector<moldata::Atom>& atoms,
-                      const FitSpec& spec);
+                      const FitSpec& want);
 
 // RMS and relative RMS of the charges' potential against the data.
 void fit_errors(const FitData& data, const std::vector<moldata::Atom>& atoms, const std::vector<double>& q, double& rms,

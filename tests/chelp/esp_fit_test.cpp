@@ -152,8 +152,8 @@ TEST(EspFit, RecoversPointCharges) {
         grouped.group = {-1, 0, 1, 2, 2, -1};  // the two hydrogens of charge 0.11 share one
         grouped.fixed = q;
         zero.a.assign(atoms.size(), 0.0);
-        for (const FitSpec* spec : {&plain, &dip, &grouped, &zero}) {
-            const FitResult r = fit_charges(ne, data, atoms, *spec);
+        for (const FitSpec* want : {&plain, &dip, &grouped, &zero}) {
+            const FitResult r = fit_charges(ne, data, atoms, *want);
             ASSERT_TRUE(r.error.empty()) << r.error;
             for (std::size_t i = 0; i < atoms.size(); ++i) EXPECT_NEAR(r.q[i], q[i], 1e-9);
             EXPECT_LT(r.rms, 1e-11);
