@@ -18,26 +18,12 @@
 #include <functional>
 #include <string>
 
+#include "bench_util.h"
 #include "chelp/charges.h"
 #include "import/import.h"
 #include "moldata/reader.h"
 
 using namespace kvx;
-
-namespace {
-
-double best_of(int repeats, const std::function<void()>& f) {
-    double best = 1e300;
-    for (int r = 0; r < repeats; ++r) {
-        const auto t0 = std::chrono::steady_clock::now();
-        f();
-        const auto t1 = std::chrono::steady_clock::now();
-        best = std::min(best, std::chrono::duration<double>(t1 - t0).count());
-    }
-    return best;
-}
-
-}  // namespace
 
 int main(int argc, char** argv) {
     const int repeats = argc > 1 ? std::max(1, std::atoi(argv[1])) : 3;
@@ -80,9 +66,9 @@ int main(int argc, char** argv) {
         chelp::FitData data;
         chelp::ChargeFit fit;
         std::string err;
-        const double tp = best_of(repeats, [&] { err = chelp::charge_points(atoms, s, radii, points); });
-        const double tv = best_of(repeats, [&] { err += chelp::charge_potential(*mol, points, s, data); });
-        const double tf = best_of(repeats, [&] { err += chelp::charge_fit(*mol, atoms, data, s, fit); });
+        const double tp = bench::best_of(repeats, [&] { err = chelp::charge_points(atoms, s, radii, points); });
+        const double tv = bench::best_of(repeats, [&] { err += chelp::charge_potential(*mol, points, s, data); });
+        const double tf = bench::best_of(repeats, [&] { err += chelp::charge_fit(*mol, atoms, data, s, fit); });
         if (!err.empty()) {
             std::fprintf(stderr, "%s: %s\n", c.name, err.c_str());
             return 1;

@@ -14,7 +14,7 @@
 #include <functional>
 #include <string>
 
-#include "default_box.h"
+#include "bench_util.h"
 #include "elepot/elepot.h"
 #include "grid/density.h"
 #include "grid/grid.h"
@@ -24,21 +24,6 @@
 #include "moldata/reader.h"
 
 using namespace kvx;
-
-namespace {
-
-double best_of(int repeats, const std::function<void()>& f) {
-    double best = 1e300;
-    for (int r = 0; r < repeats; ++r) {
-        const auto t0 = std::chrono::steady_clock::now();
-        f();
-        const auto t1 = std::chrono::steady_clock::now();
-        best = std::min(best, std::chrono::duration<double>(t1 - t0).count());
-    }
-    return best;
-}
-
-}  // namespace
 
 int main(int argc, char** argv) {
     const int repeats = argc > 1 ? std::max(1, std::atoi(argv[1])) : 3;
@@ -64,7 +49,7 @@ int main(int argc, char** argv) {
         double t = 0;
         if (c.kind < 2) {
             grid::gto_setup(mol.get(), g.get(), 1e-6, 1);
-            t = best_of(repeats, [&] {
+            t = bench::best_of(repeats, [&] {
                 if (c.kind == 0)
                     grid::fill_density(pg.get(), mol->alpha.get(), occ->data(), nullptr, nullptr, "den");
                 else
@@ -73,7 +58,7 @@ int main(int argc, char** argv) {
             grid::gto_free();
         } else {
             elepot::elepot_init(mol.get(), g.get(), 400.0, 1e-6, 1);
-            t = best_of(repeats, [&] {
+            t = bench::best_of(repeats, [&] {
                 std::fill(pg->values.begin(), pg->values.end(), 0.0);
                 elepot::comp_elepot(pg->values.data(), mol.get());
             });

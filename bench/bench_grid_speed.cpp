@@ -40,7 +40,7 @@
 #include <tuple>
 #include <vector>
 
-#include "default_box.h"
+#include "bench_util.h"
 #include "grid/density.h"
 #include "grid/grid.h"
 #include "grid/gto.h"
@@ -70,16 +70,6 @@ std::string load_average() {
     std::string a, b, c;
     f >> a >> b >> c;
     return a + " " + b + " " + c;
-}
-
-double best_of(int repeats, const std::function<void()>& f) {
-    double best = 1e300;
-    for (int r = 0; r < repeats; ++r) {
-        const auto t0 = std::chrono::steady_clock::now();
-        f();
-        best = std::min(best, std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count());
-    }
-    return best;
 }
 
 struct Job {
@@ -129,10 +119,10 @@ Pair old_and_new(Job& j, const grid::Grid& g, bool density, int repeats, bool wi
     auto pg = grid::property_grid_create(&g);
     grid::gto_setup(j.mol.get(), &g, 1e-6, 1);
     Pair r;
-    r.new_s = best_of(repeats, [&] { evaluate(j, *pg, density, true); });
+    r.new_s = bench::best_of(repeats, [&] { evaluate(j, *pg, density, true); });
     if (with_old) {
         const std::vector<double> fast = pg->values;
-        r.old_s = best_of(std::max(1, repeats / 2), [&] { evaluate(j, *pg, density, false); });
+        r.old_s = bench::best_of(std::max(1, repeats / 2), [&] { evaluate(j, *pg, density, false); });
         double big = 0.0;
         for (std::size_t p = 0; p < fast.size(); ++p) {
             r.max_abs = std::max(r.max_abs, std::fabs(fast[p] - pg->values[p]));
@@ -344,7 +334,7 @@ int main(int argc, char** argv) {
     // 3. Start-up.
     const std::string big = stacked_job(scratch, 4, 12.85);
     std::size_t nbasis = 0;
-    const double t = best_of(g_repeats, [&] {
+    const double t = bench::best_of(g_repeats, [&] {
         auto load = moldata::build_molecule(big);
         nbasis = load.molecule ? load.molecule->nbasis : 0;
     });

@@ -25,7 +25,7 @@
 #include <utility>
 #include <vector>
 
-#include "default_box.h"
+#include "bench_util.h"
 #include "elepot/elepot.h"
 #include "grid/density.h"
 #include "grid/grid.h"

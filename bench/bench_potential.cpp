@@ -18,7 +18,7 @@
 #include <string>
 #include <vector>
 
-#include "default_box.h"
+#include "bench_util.h"
 #include "elepot/elepot.h"
 #include "grid/grid.h"
 #include "moldata/reader.h"
