@@ -2,10 +2,10 @@
 // (uracil dimer, 24 atoms, 256 basis functions) on a 60^3 grid over the
 // default box, the density (-den) and the highest occupied orbital.
 //
-//   build/release/bench_grid_threads [repeats] [points per axis]
+//   build/release/bench_grid_threads [repeats] [points per axis] [-ep repeats]
 //
 // Prints, for -den, the HOMO and -ep, the best of N wall-clock times (N/3
-// for -ep) with -numt 1 and -numt 0 (one thread
+// for -ep unless given; 0 leaves -ep out) with -numt 1 and -numt 0 (one thread
 // per core) and the speed-up, with the load average before and after, and
 // the CPU time of the process in those best runs: on a shared machine other
 // work takes cores too, and threads that got a core each show a wall time
@@ -70,6 +70,7 @@ std::pair<double, double> best_of(int repeats, const std::function<void()>& f) {
 int main(int argc, char** argv) {
     const int repeats = argc > 1 ? std::max(1, std::atoi(argv[1])) : 5;
     const int n = argc > 2 ? std::clamp(std::atoi(argv[2]), 2, 400) : 60;
+    const int ep_repeats = argc > 3 ? std::max(0, std::atoi(argv[3])) : std::max(1, repeats / 3);
     auto mol = moldata::build_molecule(KVX_TEST_DATA "/bench/uracil2/uracil2").molecule;
     if (!mol) {
         std::fprintf(stderr, "cannot load the uracil dimer job\n");
@@ -115,12 +116,12 @@ int main(int argc, char** argv) {
                      t[0].first / t[1].first, t[0].second, t[1].second,
                      values[0] == values[1] ? "" : "  (values differ!)");
     }
-    {
-        // The potential takes seconds: a third of the repeats, at least one.
+    if (ep_repeats > 0) {
+        // The potential takes seconds: by default a third of the repeats, at least one.
         std::pair<double, double> t[2] = {{1e300, 0.0}, {1e300, 0.0}};
         std::vector<double> values[2];
         std::vector<double> out(g->total);
-        for (int r = 0; r < std::max(1, repeats / 3); ++r)
+        for (int r = 0; r < ep_repeats; ++r)
             for (int k = 0; k < 2; ++k) {
                 elepot::elepot_init(mol.get(), g.get(), 400.0, 1e-6, k == 0 ? 1 : 0);
                 const auto one = best_of(1, [&] { elepot::comp_elepot(out.data(), mol.get(), nullptr); });
