@@ -7,6 +7,7 @@
 #include <limits>
 #include <numbers>
 #include <unordered_map>
+#include <utility>
 
 #include "common/fatal.h"
 #include "elepot/fmch.h"
@@ -94,20 +95,22 @@ void hermite_e(int lA, int lB, double PA, double PB, double g, double* E) {
 //   sum_tuv M_tuv T_tuv(X, Y, Z) = sum_n |R|^-(2n+1) sum_e a[n][e] Z^e,
 // from T_tuv = sum_nu hc[t][nux] X^(2nux-t) hc[u][nuy] Y^(2nuy-u) hc[v][nuz]
 // Z^(2nuz-v) cn[nu] |R|^-(2nu+1), nu = nux + nuy + nuz (u = |R|^2, f = u^-1/2).
-// LT >= 0 fixes the order at compile time; -1 takes Lr.
+// LT fixes the order at compile time (z_run: -1 takes Lr).
 //
 // x stage: B[uv(u,v)][nux] = sum_t M_tuv hc[t][nux] X^(2nux-t).
 template <int LT>
-void x_stage(int Lr, const double* M, double X, double* B) {
-    const int L = LT >= 0 ? LT : Lr;
+void x_stage(int, const double* M, double X, double* B) {
+    constexpr int L = LT;
     double xp[kMaxOrder + 1];
     xp[0] = 1.0;
     for (int k = 1; k <= L; ++k) xp[k] = xp[k - 1] * X;
     std::fill(B, B + (L + 1) * (L + 2) / 2 * (L + 1), 0.0);
     const int count = (L + 1) * (L + 2) * (L + 3) / 6;
+#pragma GCC unroll 13
     for (int i = 0; i < count; ++i) {
         const Tuv& e = K.tuv[i];
         double* b = B + uv_index(e.u, e.v) * (L + 1);
+#pragma GCC unroll 13
         for (int nx = (e.t + 1) / 2; nx <= e.t; ++nx) b[nx] += M[i] * K.hc[e.t][nx] * xp[2 * nx - e.t];
     }
 }
@@ -115,27 +118,36 @@ void x_stage(int Lr, const double* M, double X, double* B) {
 // y stage: A[v][m] = sum over u, nuy, nux = m - nuy of B[uv(u,v)][nux] hc[u][nuy] Y^(2nuy-u);
 // z stage: a[n(n+1)/2 + e] = sum over v, nuz with e = 2nuz - v of cn[n] hc[v][nuz] A[v][n - nuz].
 template <int LT>
-void yz_stage(int Lr, const double* B, double Y, double* a) {
-    const int L = LT >= 0 ? LT : Lr;
+void yz_stage(int, const double* B, double Y, double* a) {
+    constexpr int L = LT;
     double yp[kMaxOrder + 1];
     yp[0] = 1.0;
     for (int k = 1; k <= L; ++k) yp[k] = yp[k - 1] * Y;
     double A[kMaxOrder + 1][kMaxOrder + 1];
+#pragma GCC unroll 13
     for (int v = 0; v <= L; ++v)
+#pragma GCC unroll 13
         for (int m = 0; m <= L - v; ++m) A[v][m] = 0.0;
+#pragma GCC unroll 13
     for (int s = 0; s <= L; ++s)
+#pragma GCC unroll 13
         for (int v = 0; v <= s; ++v) {
             const int u = s - v;
             const double* b = B + uv_index(u, v) * (L + 1);
+#pragma GCC unroll 13
             for (int ny = (u + 1) / 2; ny <= u; ++ny) {
                 const double f = K.hc[u][ny] * yp[2 * ny - u];
+#pragma GCC unroll 13
                 for (int nx = 0; nx <= L - s; ++nx) A[v][nx + ny] += b[nx] * f;
             }
         }
     std::fill(a, a + (L + 1) * (L + 2) / 2, 0.0);
+#pragma GCC unroll 13
     for (int v = 0; v <= L; ++v)
+#pragma GCC unroll 13
         for (int nz = (v + 1) / 2; nz <= v; ++nz) {
             const int e = 2 * nz - v;
+#pragma GCC unroll 13
             for (int m = 0; m <= L - v; ++m) {
                 const int n = m + nz;
                 a[n * (n + 1) / 2 + e] += K.cn[n] * K.hc[v][nz] * A[v][m];
@@ -167,39 +179,22 @@ inline __attribute__((always_inline)) void z_run(int Lr, const double* a, double
     }
 }
 
-void x_stage_any(int L, const double* M, double X, double* B) {
-    switch (L) {
-        case 0:
-            return x_stage<0>(0, M, X, B);
-        case 1:
-            return x_stage<1>(1, M, X, B);
-        case 2:
-            return x_stage<2>(2, M, X, B);
-        case 3:
-            return x_stage<3>(3, M, X, B);
-        case 4:
-            return x_stage<4>(4, M, X, B);
-        default:
-            return x_stage<-1>(L, M, X, B);
-    }
+// The stages for every order up to kMaxOrder, each with its loops unrolled
+// for that order (the same operations in the same order as plain loops).
+template <int... K>
+constexpr auto make_x_stages(std::integer_sequence<int, K...>) {
+    return std::array<void (*)(int, const double*, double, double*), sizeof...(K)>{&x_stage<K>...};
 }
+template <int... K>
+constexpr auto make_yz_stages(std::integer_sequence<int, K...>) {
+    return std::array<void (*)(int, const double*, double, double*), sizeof...(K)>{&yz_stage<K>...};
+}
+constexpr auto kXStages = make_x_stages(std::make_integer_sequence<int, kMaxOrder + 1>{});
+constexpr auto kYzStages = make_yz_stages(std::make_integer_sequence<int, kMaxOrder + 1>{});
 
-void yz_stage_any(int L, const double* B, double Y, double* a) {
-    switch (L) {
-        case 0:
-            return yz_stage<0>(0, B, Y, a);
-        case 1:
-            return yz_stage<1>(1, B, Y, a);
-        case 2:
-            return yz_stage<2>(2, B, Y, a);
-        case 3:
-            return yz_stage<3>(3, B, Y, a);
-        case 4:
-            return yz_stage<4>(4, B, Y, a);
-        default:
-            return yz_stage<-1>(L, B, Y, a);
-    }
-}
+void x_stage_any(int L, const double* M, double X, double* B) { kXStages[static_cast<std::size_t>(L)](L, M, X, B); }
+
+void yz_stage_any(int L, const double* B, double Y, double* a) { kYzStages[static_cast<std::size_t>(L)](L, B, Y, a); }
 
 // An AVX2 clone beside the default one, picked when the program loads. The
 // picking runs before ThreadSanitizer's runtime is up, so that build keeps
@@ -504,7 +499,9 @@ const double* line_coef(const FarField& far, const FarCentre& c, int j, double X
 
 namespace {
 
-// One line of points for one centre: what far_centre's steps share.
+// One line of points for one centre: what far_centre's steps share. Points
+// are indexed by k, at z[k] and out[k]; only those within the segments are
+// evaluated (a lattice line's segments are its runs of admitted points).
 struct FarLine {
     const FarField& far;
     const FarCentre& c;
@@ -514,6 +511,8 @@ struct FarLine {
     const double* z;
     double* out;
     FarScratch& sc;
+    const Segment* segs;
+    std::size_t nseg;
     long evals = 0;
 
     double d2(int k) const {
@@ -523,8 +522,14 @@ struct FarLine {
     // Points [a, b), all in interval j.
     void run(int j, int a, int b) {
         if (b <= a || j < 0 || j >= c.count || iv[j].npairs == 0) return;
-        z_run_any(iv[j].L, line_coef(far, c, j, X, Y, xtag, ctag, sc), c.P[2], rho, z + a, b - a, out + a);
-        evals += static_cast<long>(b - a) * iv[j].npairs;
+        const double* coef = nullptr;
+        for (std::size_t s = 0; s < nseg; ++s) {
+            const int lo = std::max(a, segs[s].k0), hi = std::min(b, segs[s].k1);
+            if (hi <= lo) continue;
+            if (!coef) coef = line_coef(far, c, j, X, Y, xtag, ctag, sc);
+            z_run_any(iv[j].L, coef, c.P[2], rho, z + lo, hi - lo, out + lo);
+            evals += static_cast<long>(hi - lo) * iv[j].npairs;
+        }
     }
 };
 
@@ -547,12 +552,16 @@ void monotone_side(FarLine& f, int a, int b, bool rising) {
         }
         return lo;
     };
-    for (int j = std::max(j0, 0); j <= std::min(j1, f.c.count - 1); ++j) {
-        const int e1 = from(f.iv[j].lo), e2 = from(f.iv[j].hi);
+    // Intervals meet (one's hi is the next one's lo): each boundary once.
+    const int jlo = std::max(j0, 0), jhi = std::min(j1, f.c.count - 1);
+    int e1 = jlo <= jhi ? from(f.iv[jlo].lo) : 0;
+    for (int j = jlo; j <= jhi; ++j) {
+        const int e2 = from(f.iv[j].hi);
         if (rising)
             f.run(j, e1, e2);
         else
             f.run(j, e2, e1);
+        e1 = e2;
     }
 }
 
@@ -581,8 +590,32 @@ long far_centre(const FarField& far, const FarCentre& c, const PointLines& lines
     double X = 0.0, px2 = 0.0;
     long xtag = 0;
     const double* zl = lines.z.data();
-    for (std::size_t s = 0; s < nseg; ++s) {
+    // A lattice shares one z axis among its lines: mz, the first z line at or
+    // beyond P (z rising, else falling), splits every line where d2 stops
+    // falling and starts rising.
+    int mz = 0;
+    if (lines.z_monotone && !lines.z.empty()) {
+        const int nz = static_cast<int>(lines.z.size());
+        const bool up = zl[nz - 1] >= zl[0];
+        int lo = 0, hi = nz;
+        while (lo < hi) {
+            const int mid = lo + (hi - lo) / 2;
+            if (up ? zl[mid] < c.P[2] : zl[mid] > c.P[2])
+                lo = mid + 1;
+            else
+                hi = mid;
+        }
+        mz = lo;
+    }
+    for (std::size_t s = 0; s < nseg;) {
         const Segment& sg = segs[s];
+        // The segments of sg's z line: one on a list, every run of admitted
+        // points of the line on a lattice (they follow each other).
+        std::size_t e = s + 1;
+        if (lines.z_monotone)
+            while (e < nseg && segs[e].ix == sg.ix && segs[e].iy == sg.iy) ++e;
+        const std::size_t first = s;
+        s = e;
         if (sg.ix != ix) {
             ix = sg.ix;
             X = cut_zero(c.P[0] - lines.x[static_cast<std::size_t>(ix)]);
@@ -593,25 +626,31 @@ long far_centre(const FarField& far, const FarCentre& c, const PointLines& lines
         const double Y = cut_zero(c.P[1] - lines.y[static_cast<std::size_t>(sg.iy)]);
         const double rho = px2 + Y * Y;
         if (rho > c.hi) continue;
-        FarLine f{far, c, iv, X, Y, rho, xtag, ++sc.tag, zl + sg.k0, out + sg.p, sc};
-        const int n = sg.k1 - sg.k0;
         if (lines.z_monotone) {
-            // d2 falls towards the point nearest P along the line, then rises.
-            const bool up = f.z[n - 1] >= f.z[0];
-            int lo = 0, hi = n;
-            while (lo < hi) {
-                const int mid = lo + (hi - lo) / 2;
-                if (up ? f.z[mid] < c.P[2] : f.z[mid] > c.P[2])
-                    lo = mid + 1;
-                else
-                    hi = mid;
+            // Lattice point p of line k lies at out[p - k0 + k]: one pass over
+            // the line, whatever its admitted runs.
+            FarLine f{far, c, iv, X, Y, rho, xtag, ++sc.tag, zl, out + (sg.p - sg.k0), sc, segs + first, e - first};
+            const int k0 = sg.k0, k1 = segs[e - 1].k1;
+            const int m = std::clamp(mz, k0, k1);
+            // d2 is least at m - 1 or m and greatest at an end: when both
+            // extremes share an interval, so does the whole line.
+            const double lo = std::min(m > k0 ? f.d2(m - 1) : f.d2(m), m < k1 ? f.d2(m) : f.d2(m - 1));
+            const double hi = std::max(f.d2(k0), f.d2(k1 - 1));
+            const int j = interval_of(iv, c.count, lo);
+            if (j == interval_of(iv, c.count, hi)) {
+                f.run(j, k0, k1);
+            } else {
+                monotone_side(f, k0, m, false);
+                monotone_side(f, m, k1, true);
             }
-            monotone_side(f, 0, lo, false);
-            monotone_side(f, lo, n, true);
+            evals += f.evals;
         } else {
+            const int n = sg.k1 - sg.k0;
+            const Segment whole{sg.ix, sg.iy, 0, n, sg.p};
+            FarLine f{far, c, iv, X, Y, rho, xtag, ++sc.tag, zl + sg.k0, out + sg.p, sc, &whole, 1};
             any_order(f, n);
+            evals += f.evals;
         }
-        evals += f.evals;
     }
     return evals;
 }

@@ -236,15 +236,16 @@ void near_run(const PointLines& L, const PrimPair& pr, double rho, double tau, c
 }
 
 // Primitive pair q at the points [a, b) of a segment, all within its reach:
-// the x and y factors folded with the weights once, then per point its Boys
-// values (in batches) and its z factors; out -= sum_ij w_ij V_ij.
+// the x and y factors folded with the weights once per z line (fold: the
+// segment starts a line), then per point its Boys values (in batches) and its
+// z factors; out -= sum_ij w_ij V_ij.
 void near_points(const PotSetup& S, const PairInfo& p, int q, const Slice& sl, const Segment& sg, double rho, int a,
-                 int b, PotWork& w, double* out) {
+                 int b, bool fold, PotWork& w, double* out) {
     const PrimPair& pr = w.prim[static_cast<size_t>(q)];
     const double* wq = w.wts.data() + static_cast<size_t>(q) * w.fun2;
     const double* z = S.lines.z.data() + sg.k0;
     const int ld = p.lab + 1;
-    if (!p.both_s)
+    if (!p.both_s && fold)
         line_weights(p.tA, p.tB, w.cfl.data() + static_cast<size_t>(sg.ix - sl.lo[0]) * w.pair_cf,
                      w.cfm.data() + static_cast<size_t>(sg.iy - sl.lo[1]) * w.pair_cf, w.nu_stride, wq, w.linew.data());
     for (int k0 = a; k0 < b; k0 += kBatch) {
@@ -281,6 +282,7 @@ long near_slice(const PotSetup& S, const PairInfo& p, const Slice& sl, PotWork& 
             const double X = cut_zero(pr.P[0] - L.x[static_cast<size_t>(w.segs[s0].ix)]);
             const double px2 = X * X;
             if (px2 > tau) continue;  // |PC|^2 >= px2 on the whole x line
+            int folded = -1;          // the y line whose weights linew holds
             for (size_t s = s0; s < s1; ++s) {
                 const Segment& sg = w.segs[s];
                 const double Y = cut_zero(pr.P[1] - L.y[static_cast<size_t>(sg.iy)]);
@@ -296,7 +298,10 @@ long near_slice(const PotSetup& S, const PairInfo& p, const Slice& sl, PotWork& 
                 if (b <= a) continue;
                 if (!tables) build_line_tables(S, p, q, sl, w);
                 tables = true;
-                near_points(S, p, q, sl, sg, rho, a, b, w, out);
+                // Segments of one z line (broken by unadmitted points) follow
+                // each other: their line weights are the same.
+                near_points(S, p, q, sl, sg, rho, a, b, sg.iy != folded, w, out);
+                folded = sg.iy;
                 evals += b - a;
             }
         }
