@@ -155,74 +155,6 @@ std::pair<double, double> whole_run(const std::string& kalvex, const std::string
     return {wall, cpu};
 }
 
-std::string slurp(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
-std::string replace_word(std::string text, const std::string& key, long value) {
-    const auto at = text.find(key + " ");
-    if (at == std::string::npos) return text;
-    const auto end = text.find('\n', at);
-    return text.replace(at, end - at, key + " " + std::to_string(value));
-}
-
-// `copies` medium jobs stacked along z, `shift` bohr apart, as a Kalvex job
-// in dir: the same basis per element, block-diagonal orbitals (each copy's
-// own), ordered by energy so the occupied ones come first.
-std::string stacked_job(const std::string& dir, int copies, double shift) {
-    const std::string src = KVX_TEST_DATA "/bench/uracil2/uracil2";
-    Job one = load(src);
-    const moldata::Molecule& m = *one.mol;
-    const std::string name = dir + "/stack" + std::to_string(copies);
-    std::ofstream coord(name + ".coord");
-    coord << "$coordinates\n";
-    char line[200];
-    for (int c = 0; c < copies; ++c)
-        for (const auto& a : m.atoms) {
-            std::snprintf(line, sizeof line, "%-4s %22.15f %22.15f %22.15f %8.3f %8.3f\n", a.symbol.c_str(), a.x, a.y,
-                          a.z + c * shift, a.nuclear_charge, a.extra);
-            coord << line;
-        }
-    coord << "$end\n";
-    coord.close();
-    std::string control = slurp(src + ".control");
-    control = replace_word(control, "$natoms", static_cast<long>(m.atoms.size()) * copies);
-    control = replace_word(control, "$nalpha", static_cast<long>(m.nalpha) * copies);
-    std::ofstream(name + ".control") << control;
-    std::string basis = slurp(src + ".basis");
-    basis = replace_word(basis, "$nbasis", static_cast<long>(m.nbasis) * copies);
-    basis = replace_word(basis, "$nshell", static_cast<long>(m.shells.size()) * copies);
-    basis = replace_word(basis, "$nprim", static_cast<long>(m.nprim) * copies);
-    std::ofstream(name + ".basis") << basis;
-
-    const moldata::OrbitalSet& a = *m.alpha;
-    const int nb = m.nbasis, norb = a.count;
-    std::vector<std::tuple<double, int, int>> order;
-    for (int c = 0; c < copies; ++c)
-        for (int i = 0; i < norb; ++i) order.emplace_back(a.has_energy ? a.energy[i] : i, c, i);
-    std::sort(order.begin(), order.end());
-    moldata::OrbitalSet big;
-    big.count = norb * copies;
-    big.valid = a.valid;
-    big.coef.rows = big.count;
-    big.coef.cols = nb * copies;
-    big.coef.data.assign(static_cast<std::size_t>(big.count) * big.coef.cols, 0.0);
-    big.has_energy = true;
-    for (int k = 0; k < big.count; ++k) {
-        const auto [e, c, i] = order[static_cast<std::size_t>(k)];
-        std::copy(a.coef.row(i), a.coef.row(i) + nb, big.coef.row(k) + static_cast<std::ptrdiff_t>(c) * nb);
-        big.energy.push_back(e);
-    }
-    if (!moldata::write_binary_orbitals(name + ".mos", big)) {
-        report("cannot write %s.mos\n", name.c_str());
-        std::exit(1);
-    }
-    return name;
-}
-
 std::string self_dir() { return fs::read_symlink("/proc/self/exe").parent_path().string(); }
 
 }  // namespace
@@ -286,7 +218,7 @@ int main(int argc, char** argv) {
                     fs::create_directory(dir);
                     std::tie(wall[k], cpu[k]) =
                         whole_run(k == 0 ? old_kalvex : new_kalvex, dir, medium + words + req, g_repeats);
-                    for (const auto& e : fs::directory_iterator(dir)) text[k] += slurp(e.path().string());
+                    for (const auto& e : fs::directory_iterator(dir)) text[k] += bench::slurp(e.path().string());
                 }
                 report("   %-28s %12.3f %12.3f %8.1fx   (%.3f / %.3f; %s)\n", label.c_str(), wall[0], wall[1],
                        wall[0] / wall[1], cpu[0], cpu[1],
@@ -316,7 +248,7 @@ int main(int argc, char** argv) {
             report("   %-30s %10.0f %10.0f %10s %10s\n", label, d.new_s * per, m.new_s * per, "-", "-");
     }
     std::string large = KVX_TEST_DATA "/bench/uracil4/uracil4";
-    if (!fs::exists(large + ".mos")) large = stacked_job(scratch, 2, 12.85);
+    if (!fs::exists(large + ".mos")) large = bench::stacked_job(scratch, 2, 12.85);
     report("   %-30s %10s %10s %10s %10s\n", "job, 60^3", "den after", "mo after", "den before", "mo before");
     for (const std::string& name : {std::string(KVX_TEST_DATA "/water/water"), medium, large}) {
         Job k = load(name);
@@ -332,7 +264,7 @@ int main(int argc, char** argv) {
     }
 
     // 3. Start-up.
-    const std::string big = stacked_job(scratch, 4, 12.85);
+    const std::string big = bench::stacked_job(scratch, 4, 12.85);
     std::size_t nbasis = 0;
     const double t = bench::best_of(g_repeats, [&] {
         auto load = moldata::build_molecule(big);
