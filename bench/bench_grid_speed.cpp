@@ -33,7 +33,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <sstream>
 #include <string>
@@ -63,13 +62,6 @@ void report(const char* fmt, ...) {
     va_start(ap, fmt);
     std::vfprintf(stderr, fmt, ap);
     va_end(ap);
-}
-
-std::string load_average() {
-    std::ifstream f("/proc/loadavg");
-    std::string a, b, c;
-    f >> a >> b >> c;
-    return a + " " + b + " " + c;
 }
 
 struct Job {
@@ -178,7 +170,7 @@ int main(int argc, char** argv) {
     const int saved = dup(1);
     if (!std::freopen("/dev/null", "w", stdout)) return 1;
 
-    report("load average at start: %s\n", load_average().c_str());
+    report("load average at start: %s\n", bench::load_average().c_str());
     const std::string medium = KVX_TEST_DATA "/bench/uracil2/uracil2";
     Job j = load(medium);
 
@@ -279,7 +271,7 @@ int main(int argc, char** argv) {
         report("   %-18s %.3f s wall, %.3f s CPU\n", label, w, c);
     }
 
-    report("\nload average at end: %s\n", load_average().c_str());
+    report("\nload average at end: %s\n", bench::load_average().c_str());
     std::fflush(stdout);
     dup2(saved, 1);
     fs::remove_all(scratch);

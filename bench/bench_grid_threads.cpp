@@ -18,7 +18,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <functional>
 #include <string>
 #include <thread>
@@ -37,13 +36,6 @@
 using namespace kvx;
 
 namespace {
-
-std::string load_average() {
-    std::ifstream f("/proc/loadavg");
-    std::string a, b, c;
-    f >> a >> b >> c;
-    return a + " " + b + " " + c;
-}
 
 double cpu_seconds() {
     struct rusage u;
@@ -78,7 +70,7 @@ int main(int argc, char** argv) {
     }
     const int saved = dup(1);
     if (!std::freopen("/dev/null", "w", stdout)) return 1;
-    std::fprintf(stderr, "load average before: %s\n", load_average().c_str());
+    std::fprintf(stderr, "load average before: %s\n", bench::load_average().c_str());
 
     auto occ = main::select_mos(*mol, nullptr, 1, 0);
     int homo = 0;
@@ -133,7 +125,7 @@ int main(int argc, char** argv) {
                      t[0].first / t[1].first, t[0].second, t[1].second,
                      values[0] == values[1] ? "" : "  (values differ!)");
     }
-    std::fprintf(stderr, "load average after: %s\n", load_average().c_str());
+    std::fprintf(stderr, "load average after: %s\n", bench::load_average().c_str());
     std::fflush(stdout);
     dup2(saved, 1);
     return 0;

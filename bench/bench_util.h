@@ -48,6 +48,14 @@ inline double best_of(int repeats, const std::function<void()>& f) {
     return best;
 }
 
+// The system's load averages over 1, 5 and 15 minutes, as /proc/loadavg gives them.
+inline std::string load_average() {
+    std::ifstream f("/proc/loadavg");
+    std::string a, b, c;
+    f >> a >> b >> c;
+    return a + " " + b + " " + c;
+}
+
 inline std::string slurp(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     std::ostringstream s;

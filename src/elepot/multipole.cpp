@@ -95,12 +95,11 @@ void hermite_e(int lA, int lB, double PA, double PB, double g, double* E) {
 //   sum_tuv M_tuv T_tuv(X, Y, Z) = sum_n |R|^-(2n+1) sum_e a[n][e] Z^e,
 // from T_tuv = sum_nu hc[t][nux] X^(2nux-t) hc[u][nuy] Y^(2nuy-u) hc[v][nuz]
 // Z^(2nuz-v) cn[nu] |R|^-(2nu+1), nu = nux + nuy + nuz (u = |R|^2, f = u^-1/2).
-// LT fixes the order at compile time (z_run: -1 takes Lr).
+// The order is fixed at compile time (z_run's LT = -1 takes it from Lr).
 //
 // x stage: B[uv(u,v)][nux] = sum_t M_tuv hc[t][nux] X^(2nux-t).
-template <int LT>
-void x_stage(int, const double* M, double X, double* B) {
-    constexpr int L = LT;
+template <int L>
+void x_stage(const double* M, double X, double* B) {
     double xp[kMaxOrder + 1];
     xp[0] = 1.0;
     for (int k = 1; k <= L; ++k) xp[k] = xp[k - 1] * X;
@@ -117,9 +116,8 @@ void x_stage(int, const double* M, double X, double* B) {
 
 // y stage: A[v][m] = sum over u, nuy, nux = m - nuy of B[uv(u,v)][nux] hc[u][nuy] Y^(2nuy-u);
 // z stage: a[n(n+1)/2 + e] = sum over v, nuz with e = 2nuz - v of cn[n] hc[v][nuz] A[v][n - nuz].
-template <int LT>
-void yz_stage(int, const double* B, double Y, double* a) {
-    constexpr int L = LT;
+template <int L>
+void yz_stage(const double* B, double Y, double* a) {
     double yp[kMaxOrder + 1];
     yp[0] = 1.0;
     for (int k = 1; k <= L; ++k) yp[k] = yp[k - 1] * Y;
@@ -181,20 +179,17 @@ inline __attribute__((always_inline)) void z_run(int Lr, const double* a, double
 
 // The stages for every order up to kMaxOrder, each with its loops unrolled
 // for that order (the same operations in the same order as plain loops).
+using StageFn = void (*)(const double*, double, double*);
 template <int... K>
-constexpr auto make_x_stages(std::integer_sequence<int, K...>) {
-    return std::array<void (*)(int, const double*, double, double*), sizeof...(K)>{&x_stage<K>...};
+constexpr std::pair<std::array<StageFn, sizeof...(K)>, std::array<StageFn, sizeof...(K)>> stage_tables(
+    std::integer_sequence<int, K...>) {
+    return {{&x_stage<K>...}, {&yz_stage<K>...}};
 }
-template <int... K>
-constexpr auto make_yz_stages(std::integer_sequence<int, K...>) {
-    return std::array<void (*)(int, const double*, double, double*), sizeof...(K)>{&yz_stage<K>...};
-}
-constexpr auto kXStages = make_x_stages(std::make_integer_sequence<int, kMaxOrder + 1>{});
-constexpr auto kYzStages = make_yz_stages(std::make_integer_sequence<int, kMaxOrder + 1>{});
+constexpr auto kStages = stage_tables(std::make_integer_sequence<int, kMaxOrder + 1>{});
 
-void x_stage_any(int L, const double* M, double X, double* B) { kXStages[static_cast<std::size_t>(L)](L, M, X, B); }
+void x_stage_any(int L, const double* M, double X, double* B) { kStages.first[static_cast<std::size_t>(L)](M, X, B); }
 
-void yz_stage_any(int L, const double* B, double Y, double* a) { kYzStages[static_cast<std::size_t>(L)](L, B, Y, a); }
+void yz_stage_any(int L, const double* B, double Y, double* a) { kStages.second[static_cast<std::size_t>(L)](B, Y, a); }
 
 // An AVX2 clone beside the default one, picked when the program loads. The
 // picking runs before ThreadSanitizer's runtime is up, so that build keeps
