@@ -5,6 +5,7 @@
 #pragma once
 
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/time.h>
@@ -102,5 +103,91 @@ inline ChildRun run_child(const std::vector<std::string>& argv, const ChildOptio
 }
 
 inline std::string tool(const char* name) { return std::string(KVX_BIN_DIR "/") + name; }
+
+// A program talked to while it runs, in a session of its own: its standard
+// output (with standard error when asked, their order kept) read as it
+// comes; its standard input a terminal, a descriptor of the caller's, or a
+// pipe the caller writes with send().
+struct Conversation {
+    pid_t pid = -1;
+    int in = -1;  // the pipe to its standard input; -1 when input was given
+    int out = -1;
+    std::string text;
+
+    // Reads until `what` has appeared `nth` times; false at the end of its
+    // output or after two minutes.
+    bool wait_for(const std::string& what, int nth = 1) {
+        const auto t0 = std::chrono::steady_clock::now();
+        auto seen = [&] {
+            int n = 0;
+            for (std::size_t p = text.find(what); p != std::string::npos; p = text.find(what, p + 1)) ++n;
+            return n;
+        };
+        while (seen() < nth) {
+            pollfd p{out, POLLIN, 0};
+            if (poll(&p, 1, 1000) > 0) {
+                char buf[512];
+                const ssize_t n = read(out, buf, sizeof buf);
+                if (n <= 0) return false;
+                text.append(buf, static_cast<std::size_t>(n));
+            }
+            if (std::chrono::steady_clock::now() - t0 > std::chrono::minutes(2)) return false;
+        }
+        return true;
+    }
+    bool send(const std::string& line) const {
+        return in >= 0 && write(in, line.data(), line.size()) == static_cast<ssize_t>(line.size());
+    }
+    // Closes its input pipe, reads the rest of its output and waits for it:
+    // its exit status, -1 when it did not exit.
+    int finish() {
+        if (in >= 0) close(in);
+        in = -1;
+        char buf[512];
+        for (ssize_t n; (n = read(out, buf, sizeof buf)) > 0;) text.append(buf, static_cast<std::size_t>(n));
+        close(out);
+        int st = 0;
+        waitpid(pid, &st, 0);
+        return WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+    }
+};
+
+struct ConversationOptions {
+    std::string dir = ".";  // where it runs
+    std::string terminal;   // opened as its standard input (and controlling terminal)
+    int stdin_fd = -1;      // else this descriptor; else a pipe
+    bool merge_stderr = false;
+};
+
+inline Conversation start_conversation(const std::vector<std::string>& argv, const ConversationOptions& opt = {}) {
+    Conversation c;
+    int o[2], i[2] = {-1, -1};
+    if (pipe(o) != 0) return c;
+    const bool own_input = opt.terminal.empty() && opt.stdin_fd < 0;
+    if (own_input && pipe(i) != 0) return c;
+    c.pid = fork();
+    if (c.pid == 0) {
+        setsid();
+        const int in = !opt.terminal.empty() ? open(opt.terminal.c_str(), O_RDWR) : own_input ? i[0] : opt.stdin_fd;
+        dup2(in, 0);
+        dup2(o[1], 1);
+        if (opt.merge_stderr) dup2(o[1], 2);
+        close(o[0]);
+        if (own_input) close(i[1]);
+        if (chdir(opt.dir.c_str()) != 0) _exit(3);
+        std::vector<char*> args;
+        for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+        args.push_back(nullptr);
+        execv(args[0], args.data());
+        _exit(2);
+    }
+    close(o[1]);
+    c.out = o[0];
+    if (own_input) {
+        close(i[0]);
+        c.in = i[1];
+    }
+    return c;
+}
 
 }  // namespace kvx::test

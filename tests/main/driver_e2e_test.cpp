@@ -2,10 +2,8 @@
 // each in its own temporary directory.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -16,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "common/child.h"
 #include "common/command.h"
 #include "common/grid_file.h"
 #include "common/reference_table.h"
@@ -252,51 +251,20 @@ TEST_F(KalvexRun, ThreadCountLeavesThePotentialAndTheChargesByteIdentical) {
 // Ctrl-C cancels the property in progress only; the handler re-arms, so a
 // second interrupt cancels the next long property the same way.
 TEST_F(KalvexRun, InterruptCancelsOnlyTheCurrentProperty) {
-    int to_child[2], from_child[2];
-    ASSERT_EQ(pipe(to_child), 0);
-    ASSERT_EQ(pipe(from_child), 0);
-    const pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
-        dup2(to_child[0], 0);
-        dup2(from_child[1], 1);
-        close(to_child[1]);
-        close(from_child[0]);
-        if (chdir(dir.c_str()) != 0) _exit(3);
-        execl(KVX_BINARY, KVX_BINARY, "water", "-base", "i", nullptr);
-        _exit(2);
-    }
-    close(to_child[0]);
-    close(from_child[1]);
-    std::string out;
-    auto wait_for = [&](const std::string& what, int nth) {
-        char buf[512];
-        const auto t0 = std::chrono::steady_clock::now();
-        while (count(out, what) < nth) {
-            const ssize_t n = read(from_child[0], buf, sizeof buf);
-            if (n <= 0) return false;
-            out.append(buf, static_cast<size_t>(n));
-            if (std::chrono::steady_clock::now() - t0 > std::chrono::seconds(120)) return false;
-        }
-        return true;
-    };
-    auto send = [&](const char* line) { ASSERT_GT(write(to_child[1], line, strlen(line)), 0); };
-
+    kvx::test::ConversationOptions opt;
+    opt.dir = dir.string();
+    kvx::test::Conversation c = kvx::test::start_conversation({KVX_BINARY, "water", "-base", "i"}, opt);
     // A large grid keeps the density busy long enough to be interrupted.
     for (int round = 1; round <= 2; ++round) {
-        send(round == 1 ? "-xp 200 -yp 200 -zp 200 -moacc 1e-12 -den\n" : "-xp 201 -den\n");
-        ASSERT_TRUE(wait_for(" 10%", round)) << out;
-        kill(pid, SIGINT);
-        ASSERT_TRUE(wait_for(" ABORTED", round)) << out;
+        ASSERT_TRUE(c.send(round == 1 ? "-xp 200 -yp 200 -zp 200 -moacc 1e-12 -den\n" : "-xp 201 -den\n"));
+        ASSERT_TRUE(c.wait_for(" 10%", round)) << c.text;
+        kill(c.pid, SIGINT);
+        ASSERT_TRUE(c.wait_for(" ABORTED", round)) << c.text;
     }
-    send("-xp 4 -yp 4 -zp 4 -den\n-end\n");
-    ASSERT_TRUE(wait_for("Property file:", 1)) << out;
-    int st = 0;
-    waitpid(pid, &st, 0);
-    close(to_child[1]);
-    close(from_child[0]);
-    EXPECT_TRUE(WIFEXITED(st));
-    EXPECT_EQ(WEXITSTATUS(st), 0);
+    ASSERT_TRUE(c.send("-xp 4 -yp 4 -zp 4 -den\n-end\n"));
+    ASSERT_TRUE(c.wait_for("Property file:", 1)) << c.text;
+    EXPECT_EQ(c.finish(), 0);
+    const std::string& out = c.text;
     EXPECT_EQ(count(out, " ABORTED"), 2);
     EXPECT_EQ(grid_files().size(), 1u);  // only the small, uninterrupted density
 }

@@ -3,16 +3,14 @@
 // still cancels only the property in progress.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <cstring>
 #include <filesystem>
 #include <map>
 #include <regex>
 #include <string>
 
+#include "common/child.h"
 #include "common/command.h"
 #include "common/temp_dir.h"
 
@@ -84,46 +82,17 @@ TEST_F(GridThreads, InterruptStopsEveryThreadAndTheRunGoesOn) {
     const fs::path dir = tmp.path();
     for (const char* e : {".control", ".coord", ".basis", ".mos"})
         fs::copy_file(fs::path(KVX_TEST_DATA) / "water" / (std::string("water") + e), dir / (std::string("water") + e));
-    int to_child[2], from_child[2];
-    ASSERT_EQ(pipe(to_child), 0);
-    ASSERT_EQ(pipe(from_child), 0);
-    const pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
-        dup2(to_child[0], 0);
-        dup2(from_child[1], 1);
-        close(to_child[1]);
-        close(from_child[0]);
-        if (chdir(dir.c_str()) != 0) _exit(3);
-        execl(KVX_BINARY, KVX_BINARY, "water", "-base", "i", "-numt", "3", nullptr);
-        _exit(2);
-    }
-    close(to_child[0]);
-    close(from_child[1]);
-    std::string out;
-    auto wait_for = [&](const std::string& what) {
-        char buf[512];
-        const auto t0 = std::chrono::steady_clock::now();
-        while (out.find(what) == std::string::npos) {
-            const ssize_t n = read(from_child[0], buf, sizeof buf);
-            if (n <= 0) return false;
-            out.append(buf, static_cast<size_t>(n));
-            if (std::chrono::steady_clock::now() - t0 > std::chrono::seconds(120)) return false;
-        }
-        return true;
-    };
-    auto send = [&](const char* line) { ASSERT_GT(write(to_child[1], line, std::strlen(line)), 0); };
-    send("-xp 300 -yp 300 -zp 300 -moacc 1e-14 -den\n");
-    ASSERT_TRUE(wait_for(" 10%")) << out;
-    kill(pid, SIGINT);
-    ASSERT_TRUE(wait_for(" ABORTED")) << out;
-    send("-xp 5 -yp 5 -zp 5 -den\n-end\n");
-    ASSERT_TRUE(wait_for("Property file:")) << out;
-    int st = 0;
-    waitpid(pid, &st, 0);
-    close(to_child[1]);
-    close(from_child[0]);
-    EXPECT_TRUE(WIFEXITED(st) && WEXITSTATUS(st) == 0);
+    kvx::test::ConversationOptions opt;
+    opt.dir = dir.string();
+    kvx::test::Conversation c = kvx::test::start_conversation({KVX_BINARY, "water", "-base", "i", "-numt", "3"}, opt);
+    ASSERT_TRUE(c.send("-xp 300 -yp 300 -zp 300 -moacc 1e-14 -den\n"));
+    ASSERT_TRUE(c.wait_for(" 10%")) << c.text;
+    kill(c.pid, SIGINT);
+    ASSERT_TRUE(c.wait_for(" ABORTED")) << c.text;
+    ASSERT_TRUE(c.send("-xp 5 -yp 5 -zp 5 -den\n-end\n"));
+    ASSERT_TRUE(c.wait_for("Property file:")) << c.text;
+    EXPECT_EQ(c.finish(), 0);
+    const std::string& out = c.text;
     EXPECT_NE(out.find(" ABORTED\nComputing Electronic Density den:"), std::string::npos) << out;
     int files = 0;  // the small density's only
     for (const auto& e : fs::directory_iterator(dir)) files += e.path().extension() == ".grid";

@@ -3,16 +3,14 @@
 // a large grid, the estimate of memory, file and time.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 
+#include "common/child.h"
 #include "common/temp_dir.h"
 #include "grid/grid.h"
 #include "main/grid_cost.h"
@@ -27,67 +25,17 @@ const std::string kTerminalNote =
     "property being computed)\n";
 
 // kalvex run in dir with standard output and standard error on one pipe
-// (their order kept) and standard input from in_fd.
-struct Child {
-    pid_t pid = -1;
-    int out = -1;
-    std::string text;
-
-    // Reads until `what` has appeared `nth` times; false on end of output or
-    // after two minutes.
-    bool wait_for(const std::string& what, int nth = 1) {
-        const auto t0 = std::chrono::steady_clock::now();
-        auto seen = [&] {
-            int n = 0;
-            for (std::size_t p = text.find(what); p != std::string::npos; p = text.find(what, p + 1)) ++n;
-            return n;
-        };
-        while (seen() < nth) {
-            pollfd p{out, POLLIN, 0};
-            if (poll(&p, 1, 1000) > 0) {
-                char buf[512];
-                const ssize_t n = read(out, buf, sizeof buf);
-                if (n <= 0) return false;
-                text.append(buf, static_cast<std::size_t>(n));
-            }
-            if (std::chrono::steady_clock::now() - t0 > std::chrono::minutes(2)) return false;
-        }
-        return true;
-    }
-    int finish() {
-        char buf[512];
-        for (ssize_t n; (n = read(out, buf, sizeof buf)) > 0;) text.append(buf, static_cast<std::size_t>(n));
-        close(out);
-        int st = 0;
-        waitpid(pid, &st, 0);
-        return WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-    }
-};
-
-// in_path: a terminal (opened as the child's controlling one) or empty for
-// the pipe in_fd.
-Child start(const std::string& dir, const std::string& in_path, int in_fd, std::initializer_list<const char*> args) {
-    int p[2];
-    if (pipe(p) != 0) return {};
-    std::vector<const char*> argv = {KVX_BINARY};
+// (their order kept) and standard input from the terminal or in_fd.
+test::Conversation start(const std::string& dir, const std::string& terminal, int in_fd,
+                         std::initializer_list<const char*> args) {
+    std::vector<std::string> argv = {KVX_BINARY};
     argv.insert(argv.end(), args.begin(), args.end());
-    argv.push_back(nullptr);
-    Child c;
-    c.pid = fork();
-    if (c.pid == 0) {
-        setsid();
-        const int in = in_path.empty() ? in_fd : open(in_path.c_str(), O_RDWR);
-        dup2(in, 0);
-        dup2(p[1], 1);
-        dup2(p[1], 2);
-        close(p[0]);
-        if (chdir(dir.c_str()) != 0) _exit(3);
-        execv(KVX_BINARY, const_cast<char* const*>(argv.data()));
-        _exit(2);
-    }
-    close(p[1]);
-    c.out = p[0];
-    return c;
+    test::ConversationOptions opt;
+    opt.dir = dir;
+    opt.terminal = terminal;
+    opt.stdin_fd = in_fd;
+    opt.merge_stderr = true;
+    return test::start_conversation(argv, opt);
 }
 
 struct Terminal {
@@ -118,8 +66,8 @@ TEST_F(Notes, TerminalInputIsAnnouncedOnceAndEndsWithEndOrCtrlD) {
     for (const char* ending : {"-end\n", "\x04"}) {
         Terminal t;
         ASSERT_FALSE(t.slave.empty());
-        Child c = start(tmp.path().string(), t.slave, -1,
-                        {"water", "-xp", "3", "-yp", "3", "-zp", "3", "-force", "1", "-den"});
+        test::Conversation c = start(tmp.path().string(), t.slave, -1,
+                                     {"water", "-xp", "3", "-yp", "3", "-zp", "3", "-force", "1", "-den"});
         ASSERT_TRUE(c.wait_for(kTerminalNote)) << c.text;
         const std::size_t done = c.text.find("Property file:");
         EXPECT_NE(done, std::string::npos) << c.text;
@@ -161,7 +109,8 @@ TEST_F(Notes, LargeGridsAreEstimatedAndSmallOnesAreNot) {
 TEST_F(Notes, EstimateIsPrintedBeforeTheCalculationStarts) {
     int in[2];
     ASSERT_EQ(pipe(in), 0);
-    Child c = start(tmp.path().string(), "", in[0], {"tz", "-xp", "110", "-yp", "110", "-zp", "110", "-ep"});
+    test::Conversation c =
+        start(tmp.path().string(), "", in[0], {"tz", "-xp", "110", "-yp", "110", "-zp", "110", "-ep"});
     close(in[0]);
     ASSERT_TRUE(c.wait_for("Computing Electrostatic Potential:")) << c.text;
     const std::size_t note = c.text.find(
