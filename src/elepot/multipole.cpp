@@ -91,6 +91,16 @@ void hermite_e(int lA, int lB, double PA, double PB, double g, double* E) {
         }
 }
 
+// The stages' loops unrolled by GCC: wholly up to order 6 (f with f), by
+// sevens beyond, where whole bodies take minutes to compile under the
+// sanitizers and such pairs are rare. Clang (the fuzz build) keeps loops:
+// it takes a minute over the pragma and warns.
+#if defined(__clang__)
+#define KVX_UNROLL_STAGE
+#else
+#define KVX_UNROLL_STAGE _Pragma("GCC unroll 7")
+#endif
+
 // The moments at a line through (X, Y) in three stages, so that
 //   sum_tuv M_tuv T_tuv(X, Y, Z) = sum_n |R|^-(2n+1) sum_e a[n][e] Z^e,
 // from T_tuv = sum_nu hc[t][nux] X^(2nux-t) hc[u][nuy] Y^(2nuy-u) hc[v][nuz]
@@ -105,11 +115,11 @@ void x_stage(const double* M, double X, double* B) {
     for (int k = 1; k <= L; ++k) xp[k] = xp[k - 1] * X;
     std::fill(B, B + (L + 1) * (L + 2) / 2 * (L + 1), 0.0);
     const int count = (L + 1) * (L + 2) * (L + 3) / 6;
-#pragma GCC unroll 13
+    KVX_UNROLL_STAGE
     for (int i = 0; i < count; ++i) {
         const Tuv& e = K.tuv[i];
         double* b = B + uv_index(e.u, e.v) * (L + 1);
-#pragma GCC unroll 13
+        KVX_UNROLL_STAGE
         for (int nx = (e.t + 1) / 2; nx <= e.t; ++nx) b[nx] += M[i] * K.hc[e.t][nx] * xp[2 * nx - e.t];
     }
 }
@@ -122,34 +132,31 @@ void yz_stage(const double* B, double Y, double* a) {
     yp[0] = 1.0;
     for (int k = 1; k <= L; ++k) yp[k] = yp[k - 1] * Y;
     double A[kMaxOrder + 1][kMaxOrder + 1];
-#pragma GCC unroll 13
-    for (int v = 0; v <= L; ++v)
-#pragma GCC unroll 13
-        for (int m = 0; m <= L - v; ++m) A[v][m] = 0.0;
-#pragma GCC unroll 13
-    for (int s = 0; s <= L; ++s)
-#pragma GCC unroll 13
-        for (int v = 0; v <= s; ++v) {
-            const int u = s - v;
-            const double* b = B + uv_index(u, v) * (L + 1);
-#pragma GCC unroll 13
-            for (int ny = (u + 1) / 2; ny <= u; ++ny) {
-                const double f = K.hc[u][ny] * yp[2 * ny - u];
-#pragma GCC unroll 13
-                for (int nx = 0; nx <= L - s; ++nx) A[v][nx + ny] += b[nx] * f;
-            }
+    KVX_UNROLL_STAGE
+    for (int v = 0; v <= L; ++v) KVX_UNROLL_STAGE
+    for (int m = 0; m <= L - v; ++m) A[v][m] = 0.0;
+    KVX_UNROLL_STAGE
+    for (int s = 0; s <= L; ++s) KVX_UNROLL_STAGE
+    for (int v = 0; v <= s; ++v) {
+        const int u = s - v;
+        const double* b = B + uv_index(u, v) * (L + 1);
+        KVX_UNROLL_STAGE
+        for (int ny = (u + 1) / 2; ny <= u; ++ny) {
+            const double f = K.hc[u][ny] * yp[2 * ny - u];
+            KVX_UNROLL_STAGE
+            for (int nx = 0; nx <= L - s; ++nx) A[v][nx + ny] += b[nx] * f;
+        }
         }
     std::fill(a, a + (L + 1) * (L + 2) / 2, 0.0);
-#pragma GCC unroll 13
-    for (int v = 0; v <= L; ++v)
-#pragma GCC unroll 13
-        for (int nz = (v + 1) / 2; nz <= v; ++nz) {
-            const int e = 2 * nz - v;
-#pragma GCC unroll 13
-            for (int m = 0; m <= L - v; ++m) {
-                const int n = m + nz;
-                a[n * (n + 1) / 2 + e] += K.cn[n] * K.hc[v][nz] * A[v][m];
-            }
+    KVX_UNROLL_STAGE
+    for (int v = 0; v <= L; ++v) KVX_UNROLL_STAGE
+    for (int nz = (v + 1) / 2; nz <= v; ++nz) {
+        const int e = 2 * nz - v;
+        KVX_UNROLL_STAGE
+        for (int m = 0; m <= L - v; ++m) {
+            const int n = m + nz;
+            a[n * (n + 1) / 2 + e] += K.cn[n] * K.hc[v][nz] * A[v][m];
+        }
         }
 }
 
